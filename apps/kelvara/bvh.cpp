@@ -1,0 +1,809 @@
+#include "bvh.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <locale.h>
+#include <string>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kelvara
+{
+
+namespace
+{
+
+constexpr const char* kChannelNames[] = {"Xposition", "Yposition", "Zposition",
+                                         "Xrotation", "Yrotation", "Zrotation"};
+
+bool IsSpace(char c)
+{
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+}
+
+// Blanks within a line (everything but the newline).
+bool IsBlank(char c)
+{
+  return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f';
+}
+
+// strtod in the "C" locale whatever the process locale is, so that "0.5" never depends on it.
+bool ParseNumberSlow(const char* begin, const char* end, double& value)
+{
+  static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
+  char buf[128];
+  std::size_t len = static_cast<std::size_t>(end - begin);
+  if (len == 0 || len >= sizeof(buf) || cLocale == static_cast<locale_t>(0))
+    return false;
+  std::memcpy(buf, begin, len);
+  buf[len] = '\0';
+  char* stop = nullptr;
+  value = strtod_l(buf, &stop, cLocale);
+  return stop == buf + len && std::isfinite(value);
+}
+
+// from_chars covers almost every token; what it cannot read whole ("+2", hex, out of range)
+// goes to strtod. Infinities and NaNs are refused: they would poison every later computation.
+inline bool ParseNumber(const char* begin, const char* end, double& value)
+{
+  auto r = std::from_chars(begin, end, value);
+  if (r.ec == std::errc() && r.ptr == end)
+    return std::isfinite(value);
+  return ParseNumberSlow(begin, end, value);
+}
+
+bool ParseCount(std::string_view text, long long& value)
+{
+  const char* b = text.data();
+  const char* e = b + text.size();
+  if (b != e && *b == '+')
+    ++b;
+  auto r = std::from_chars(b, e, value);
+  return r.ec == std::errc() && r.ptr == e && b != e;
+}
+
+struct Token
+{
+  std::string_view text; // empty at end of file
+  int line = 0;
+  bool Eof() const { return text.empty(); }
+  bool Is(std::string_view s) const { return text == s; }
+};
+
+class Parser
+{
+public:
+  Parser(std::string_view text, const std::string& name, BvhFile& out, std::string& error)
+    : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), name_(name), out_(out),
+      error_(error)
+  {
+  }
+
+  bool Run()
+  {
+    out_ = BvhFile{};
+    out_.path = name_;
+    return ParseHierarchy() && ParseMotion();
+  }
+
+private:
+  const char* begin_;
+  const char* p_;
+  const char* end_;
+  int line_ = 1;
+  const std::string& name_;
+  BvhFile& out_;
+  std::string& error_;
+  bool havePeek_ = false;
+  Token peek_;
+
+  Token Scan()
+  {
+    while (p_ != end_ && IsSpace(*p_))
+    {
+      if (*p_ == '\n')
+        ++line_;
+      ++p_;
+    }
+    Token t;
+    if (p_ == end_)
+    {
+      t.line = EofLine();
+      return t;
+    }
+    const char* s = p_;
+    while (p_ != end_ && !IsSpace(*p_))
+      ++p_;
+    t.text = std::string_view(s, static_cast<std::size_t>(p_ - s));
+    t.line = line_;
+    return t;
+  }
+
+  Token Next()
+  {
+    if (havePeek_)
+    {
+      havePeek_ = false;
+      return peek_;
+    }
+    return Scan();
+  }
+
+  const Token& Peek()
+  {
+    if (!havePeek_)
+    {
+      peek_ = Scan();
+      havePeek_ = true;
+    }
+    return peek_;
+  }
+
+  // The last line holding anything: a final newline does not open another line.
+  int EofLine() const
+  {
+    const char* e = end_;
+    if (e != begin_ && e[-1] == '\n')
+      --e;
+    return 1 + static_cast<int>(std::count(begin_, e, '\n'));
+  }
+
+  static std::string Describe(std::string_view text)
+  {
+    if (text.empty())
+      return "end of file";
+    constexpr std::size_t kMaxShown = 40;
+    std::string s = "'";
+    for (std::size_t i = 0; i < text.size() && i < kMaxShown; ++i)
+    {
+      unsigned char c = static_cast<unsigned char>(text[i]);
+      s += (c >= 0x20 && c < 0x7f) ? static_cast<char>(c) : '?';
+    }
+    if (text.size() > kMaxShown)
+      s += "...";
+    s += "'";
+    return s;
+  }
+
+  bool Fail(int line, const std::string& expected, const std::string& found)
+  {
+    error_ = name_ + ":" + std::to_string(line) + ": expected " + expected + ", found " + found;
+    return false;
+  }
+
+  bool Fail(const Token& t, const std::string& expected) { return Fail(t.line, expected, Describe(t.text)); }
+
+  bool Expect(std::string_view word, const std::string& shown)
+  {
+    Token t = Next();
+    return t.Is(word) || Fail(t, shown);
+  }
+
+  bool ReadVector(telvo::Vector& v)
+  {
+    double* parts[3] = {&v.x, &v.y, &v.z};
+    for (double* part : parts)
+    {
+      Token t = Next();
+      if (t.Eof() || !ParseNumber(t.text.data(), t.text.data() + t.text.size(), *part))
+        return Fail(t, "a number");
+    }
+    return true;
+  }
+
+  static bool IsKeyword(const Token& t)
+  {
+    static constexpr std::string_view kWords[] = {"{", "}", "ROOT", "JOINT", "End", "OFFSET", "CHANNELS", "MOTION"};
+    return t.Eof() || std::find(std::begin(kWords), std::end(kWords), t.text) != std::end(kWords);
+  }
+
+  bool ReadChannels(BvhJoint& joint, int& channelTotal)
+  {
+    Token countToken = Next();
+    long long count = 0;
+    if (!ParseCount(countToken.text, count) || count < 0)
+      return Fail(countToken, "a channel count");
+    if (count > kMaxChannelsPerJoint)
+      return Fail(countToken, "at most " + std::to_string(kMaxChannelsPerJoint) + " channels");
+    const std::string wanted = std::to_string(count) + (count == 1 ? " channel name" : " channel names");
+    for (long long i = 0; i < count; ++i)
+    {
+      Token t = Next();
+      Channel c;
+      if (!ChannelFromName(t.text, c))
+        return Fail(t, IsKeyword(t) ? wanted : std::string("a channel name"));
+      if (std::find(joint.channels.begin(), joint.channels.end(), c) != joint.channels.end())
+        return Fail(t, "a channel not listed before");
+      joint.channels.push_back(c);
+    }
+    // More names on the same line than the count says is a count mismatch, not a stray word.
+    const Token& after = Peek();
+    Channel ignored;
+    if (after.line == countToken.line && ChannelFromName(after.text, ignored))
+      return Fail(after, wanted);
+    channelTotal += static_cast<int>(count);
+    return true;
+  }
+
+  bool OpenJoint(int parent, int line, std::vector<int>& open, int& channelTotal)
+  {
+    Token nameToken = Next();
+    if (IsKeyword(nameToken))
+      return Fail(nameToken, "a joint name");
+    if (out_.joints.size() >= static_cast<std::size_t>(kMaxBvhJoints))
+      return Fail(nameToken, "at most " + std::to_string(kMaxBvhJoints) + " joints");
+    BvhJoint joint;
+    joint.name = std::string(nameToken.text);
+    joint.parent = parent;
+    joint.line = line;
+    joint.firstChannel = channelTotal;
+    if (!Expect("{", "'{'"))
+      return false;
+    // OFFSET and CHANNELS may come in either order, but before any child: a joint's channels
+    // precede its children's in a motion row.
+    bool haveOffset = false;
+    bool haveChannels = false;
+    for (;;)
+    {
+      const Token& t = Peek();
+      if (t.Is("OFFSET") && !haveOffset)
+      {
+        Next();
+        if (!ReadVector(joint.offset))
+          return false;
+        haveOffset = true;
+      }
+      else if (t.Is("CHANNELS") && !haveChannels)
+      {
+        Next();
+        if (!ReadChannels(joint, channelTotal))
+          return false;
+        haveChannels = true;
+      }
+      else
+        break;
+    }
+    if (!haveOffset)
+      return Fail(Peek(), "OFFSET");
+    open.push_back(static_cast<int>(out_.joints.size()));
+    out_.joints.push_back(std::move(joint));
+    return true;
+  }
+
+  bool ReadEndSite(BvhJoint& joint)
+  {
+    if (!Expect("Site", "'Site'") || !Expect("{", "'{'") || !Expect("OFFSET", "OFFSET") ||
+        !ReadVector(joint.endSiteOffset) || !Expect("}", "'}'"))
+      return false;
+    joint.hasEndSite = true;
+    return true;
+  }
+
+  bool ParseHierarchy()
+  {
+    if (!Expect("HIERARCHY", "'HIERARCHY'"))
+      return false;
+    std::vector<int> open; // joints whose braces are open, outermost first
+    int channelTotal = 0;
+    for (;;)
+    {
+      Token t = Next();
+      if (open.empty())
+      {
+        if (t.Is("ROOT"))
+        {
+          if (!OpenJoint(-1, t.line, open, channelTotal))
+            return false;
+          continue;
+        }
+        if (t.Is("MOTION") && !out_.joints.empty())
+          break;
+        return Fail(t, out_.joints.empty() ? "ROOT" : "ROOT or MOTION");
+      }
+      BvhJoint& current = out_.joints[static_cast<std::size_t>(open.back())];
+      if (t.Is("JOINT"))
+      {
+        if (!OpenJoint(open.back(), t.line, open, channelTotal))
+          return false;
+      }
+      else if (t.Is("End") && !current.hasEndSite)
+      {
+        if (!ReadEndSite(current))
+          return false;
+      }
+      else if (t.Is("}"))
+        open.pop_back();
+      else
+        return Fail(t, current.hasEndSite ? "JOINT or '}'" : "JOINT, End Site or '}'");
+    }
+    out_.channelCount = channelTotal;
+    return true;
+  }
+
+  bool ParseMotion()
+  {
+    if (!Expect("Frames:", "'Frames:'"))
+      return false;
+    Token countToken = Next();
+    long long frames = 0;
+    if (!ParseCount(countToken.text, frames) || frames < 0)
+      return Fail(countToken, "a frame count");
+    if (frames > kMaxBvhFrames)
+      return Fail(countToken, "at most " + std::to_string(kMaxBvhFrames) + " frames");
+    if (!Expect("Frame", "'Frame Time:'") || !Expect("Time:", "'Frame Time:'"))
+      return false;
+    Token timeToken = Next();
+    double frameTime = 0.0;
+    if (timeToken.Eof() || !ParseNumber(timeToken.text.data(), timeToken.text.data() + timeToken.text.size(), frameTime))
+      return Fail(timeToken, "a frame time");
+    if (!(frameTime > 0.0))
+      return Fail(timeToken, "a positive frame time");
+    out_.frameCount = static_cast<int>(frames);
+    out_.frameTime = frameTime;
+
+    // Rest of the frame time line must be blank.
+    const char* lineEnd = LineEnd(p_);
+    if (const char* junk = SkipBlanks(p_, lineEnd); junk != lineEnd)
+      return Fail(line_, "end of line", Describe(TokenAt(junk, lineEnd)));
+    p_ = lineEnd;
+
+    const long long channels = out_.channelCount;
+    const long long total = frames * channels;
+    // Every value takes at least one character and one separator: reserve only what the data
+    // present could hold, so a huge declared count on a short file costs nothing.
+    if (total <= (end_ - p_) / 2 + 1)
+      out_.motion.reserve(static_cast<std::size_t>(total));
+    if (channels > 0)
+    {
+      for (long long f = 0; f < frames; ++f)
+      {
+        if (!NextNonBlankLine(lineEnd))
+          return Fail(EofLine(), "frame " + std::to_string(f + 1) + " of " + std::to_string(frames), "end of file");
+        if (!ReadRow(lineEnd, static_cast<int>(channels)))
+          return false;
+      }
+    }
+    if (NextNonBlankLine(lineEnd))
+      return Fail(line_, "end of file after " + std::to_string(frames) + (frames == 1 ? " frame" : " frames"),
+                  Describe(TokenAt(SkipBlanks(p_, lineEnd), lineEnd)));
+    return true;
+  }
+
+  const char* LineEnd(const char* from) const
+  {
+    const void* nl = std::memchr(from, '\n', static_cast<std::size_t>(end_ - from));
+    return nl != nullptr ? static_cast<const char*>(nl) : end_;
+  }
+
+  static const char* SkipBlanks(const char* q, const char* lineEnd)
+  {
+    while (q != lineEnd && IsBlank(*q))
+      ++q;
+    return q;
+  }
+
+  static std::string_view TokenAt(const char* q, const char* lineEnd)
+  {
+    const char* s = q;
+    while (q != lineEnd && !IsBlank(*q))
+      ++q;
+    return std::string_view(s, static_cast<std::size_t>(q - s));
+  }
+
+  // Moves p_ to the start of the next line holding something (line_ follows); false at end.
+  // p_ is at a newline or at the end of the buffer on entry.
+  bool NextNonBlankLine(const char*& lineEnd)
+  {
+    for (;;)
+    {
+      if (p_ == end_)
+        return false;
+      ++p_; // the newline
+      ++line_;
+      lineEnd = LineEnd(p_);
+      if (SkipBlanks(p_, lineEnd) != lineEnd)
+        return true;
+      p_ = lineEnd;
+    }
+  }
+
+  bool ReadRow(const char* lineEnd, int channels)
+  {
+    const char* q = p_;
+    int n = 0;
+    for (;;)
+    {
+      while (q != lineEnd && IsBlank(*q))
+        ++q;
+      if (q == lineEnd)
+        break;
+      const char* s = q;
+      while (q != lineEnd && !IsBlank(*q))
+        ++q;
+      if (n == channels)
+      {
+        int count = n;
+        for (const char* r = s; r != lineEnd;)
+        {
+          r = SkipBlanks(r, lineEnd);
+          if (r == lineEnd)
+            break;
+          r += TokenAt(r, lineEnd).size();
+          ++count;
+        }
+        return Fail(line_, std::to_string(channels) + " numbers", std::to_string(count));
+      }
+      double v;
+      if (!ParseNumber(s, q, v))
+        return Fail(line_, "a number", Describe(std::string_view(s, static_cast<std::size_t>(q - s))));
+      out_.motion.push_back(v);
+      ++n;
+    }
+    if (n != channels)
+      return Fail(line_, std::to_string(channels) + " numbers", std::to_string(n));
+    p_ = lineEnd;
+    return true;
+  }
+};
+
+// Output buffer written through raw pointers: one capacity check per number instead of a
+// std::string append per character.
+class Writer
+{
+public:
+  explicit Writer(std::string& s) : s_(s) { s_.clear(); }
+  ~Writer() { s_.resize(used_); }
+
+  void Reserve(std::size_t extra)
+  {
+    if (used_ + extra > s_.size())
+      s_.resize(std::max(s_.size() * 2, used_ + extra));
+  }
+
+  void Put(std::string_view text)
+  {
+    Reserve(text.size());
+    std::memcpy(s_.data() + used_, text.data(), text.size());
+    used_ += text.size();
+  }
+
+  void Put(char c)
+  {
+    Reserve(1);
+    s_[used_++] = c;
+  }
+
+  void Tabs(int n)
+  {
+    for (int i = 0; i < n; ++i)
+      Put('\t');
+  }
+
+  // Shortest text that reads back to the same double; plain decimals in the usual range
+  // (other readers of this format rarely accept exponents), exponent form only for extremes.
+  void Number(double v)
+  {
+    Reserve(64);
+    char* b = s_.data() + used_;
+    const double a = std::fabs(v);
+    auto r = (a == 0.0 || (a >= 1e-6 && a < 1e15)) ? std::to_chars(b, b + 64, v, std::chars_format::fixed)
+                                                   : std::to_chars(b, b + 64, v);
+    used_ += static_cast<std::size_t>(r.ptr - b);
+  }
+
+private:
+  std::string& s_;
+  std::size_t used_ = 0;
+};
+
+void WriteVector(Writer& w, const telvo::Vector& v)
+{
+  w.Number(v.x);
+  w.Put(' ');
+  w.Number(v.y);
+  w.Put(' ');
+  w.Number(v.z);
+}
+
+bool WriteAll(int fd, const char* data, std::size_t size)
+{
+  while (size > 0)
+  {
+    ssize_t n = ::write(fd, data, size);
+    if (n < 0)
+    {
+      if (errno == EINTR)
+        continue;
+      return false;
+    }
+    data += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+} // namespace
+
+const char* ChannelName(Channel channel)
+{
+  return kChannelNames[static_cast<int>(channel)];
+}
+
+bool ChannelFromName(std::string_view name, Channel& channel)
+{
+  for (int i = 0; i < 6; ++i)
+    if (name == kChannelNames[i])
+    {
+      channel = static_cast<Channel>(i);
+      return true;
+    }
+  return false;
+}
+
+bool IsRotation(Channel channel)
+{
+  return channel >= Channel::Xrotation;
+}
+
+int ChannelAxis(Channel channel)
+{
+  return static_cast<int>(channel) % 3;
+}
+
+bool ReadBvhFromBuffer(std::string_view text, const std::string& displayName, BvhFile& out, std::string& error)
+{
+  return Parser(text, displayName, out, error).Run();
+}
+
+bool ReadBvh(const std::string& path, BvhFile& out, std::string& error)
+{
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+  {
+    error = "cannot read '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  // One read of the whole file; a byte of slack lets the common case end without regrowing.
+  std::string data;
+  struct stat st;
+  const bool regular = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  data.resize(regular ? static_cast<std::size_t>(st.st_size) + 1 : std::size_t{1} << 16);
+  std::size_t used = 0;
+  for (;;)
+  {
+    if (used == data.size())
+      data.resize(data.size() * 2);
+    ssize_t n = ::read(fd, data.data() + used, data.size() - used);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+    {
+      error = "cannot read '" + path + "': " + std::strerror(errno);
+      ::close(fd);
+      return false;
+    }
+    if (n == 0)
+      break;
+    used += static_cast<std::size_t>(n);
+  }
+  data.resize(used);
+  ::close(fd);
+  return ReadBvhFromBuffer(data, path, out, error);
+}
+
+bool ValidateBvh(const BvhFile& file, std::string& error)
+{
+  auto fail = [&](std::size_t joint, const std::string& what) {
+    error = "joint " + std::to_string(joint) + " ('" + file.joints[joint].name + "'): " + what;
+    return false;
+  };
+  if (file.joints.empty() || file.joints.size() > static_cast<std::size_t>(kMaxBvhJoints))
+  {
+    error = "a file needs between 1 and " + std::to_string(kMaxBvhJoints) + " joints, not " +
+            std::to_string(file.joints.size());
+    return false;
+  }
+  std::vector<int> chain; // ancestors of the joint being checked, root first
+  int channelTotal = 0;
+  for (std::size_t i = 0; i < file.joints.size(); ++i)
+  {
+    const BvhJoint& j = file.joints[i];
+    if (j.name.empty() || j.name == "{" || j.name == "}" ||
+        std::any_of(j.name.begin(), j.name.end(), [](char c) { return IsSpace(c); }))
+      return fail(i, "a name must be one word");
+    // Depth-first order: the parent is the previous joint or one of its ancestors.
+    while (!chain.empty() && chain.back() != j.parent)
+      chain.pop_back();
+    if (j.parent != -1 && chain.empty())
+      return fail(i, "parent " + std::to_string(j.parent) + " is not an open ancestor in file order");
+    chain.push_back(static_cast<int>(i));
+    if (j.channels.size() > static_cast<std::size_t>(kMaxChannelsPerJoint))
+      return fail(i, "more than " + std::to_string(kMaxChannelsPerJoint) + " channels");
+    for (std::size_t c = 0; c < j.channels.size(); ++c)
+      if (std::find(j.channels.begin(), j.channels.begin() + static_cast<std::ptrdiff_t>(c), j.channels[c]) !=
+          j.channels.begin() + static_cast<std::ptrdiff_t>(c))
+        return fail(i, std::string("channel ") + ChannelName(j.channels[c]) + " listed twice");
+    if (j.firstChannel != channelTotal)
+      return fail(i, "first channel " + std::to_string(j.firstChannel) + " should be " + std::to_string(channelTotal));
+    channelTotal += static_cast<int>(j.channels.size());
+    const telvo::Vector& o = j.offset;
+    const telvo::Vector& e = j.endSiteOffset;
+    if (!std::isfinite(o.x) || !std::isfinite(o.y) || !std::isfinite(o.z) || !std::isfinite(e.x) ||
+        !std::isfinite(e.y) || !std::isfinite(e.z))
+      return fail(i, "offset is not finite");
+  }
+  if (file.channelCount != channelTotal)
+  {
+    error = "channel count " + std::to_string(file.channelCount) + " should be " + std::to_string(channelTotal);
+    return false;
+  }
+  if (file.frameCount < 0 || file.frameCount > kMaxBvhFrames)
+  {
+    error = "frame count " + std::to_string(file.frameCount) + " is out of range";
+    return false;
+  }
+  if (!std::isfinite(file.frameTime) || !(file.frameTime > 0.0))
+  {
+    error = "frame time must be a positive number";
+    return false;
+  }
+  if (file.motion.size() != static_cast<std::size_t>(file.frameCount) * static_cast<std::size_t>(channelTotal))
+  {
+    error = "motion holds " + std::to_string(file.motion.size()) + " values, not " + std::to_string(file.frameCount) +
+            " frames of " + std::to_string(channelTotal);
+    return false;
+  }
+  for (std::size_t k = 0; k < file.motion.size(); ++k)
+    if (!std::isfinite(file.motion[k]))
+    {
+      error = "motion value " + std::to_string(k % static_cast<std::size_t>(channelTotal)) + " of frame " +
+              std::to_string(k / static_cast<std::size_t>(channelTotal) + 1) + " is not finite";
+      return false;
+    }
+  return true;
+}
+
+bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error)
+{
+  if (!ValidateBvh(file, error))
+    return false;
+  Writer w(text);
+  w.Reserve(file.joints.size() * 160 + file.motion.size() * 10 + 256);
+  w.Put("HIERARCHY\n");
+  std::vector<int> open; // joints whose braces are open
+  auto closeUntil = [&](int parent) {
+    while (!open.empty() && open.back() != parent)
+    {
+      w.Tabs(static_cast<int>(open.size()) - 1);
+      w.Put("}\n");
+      open.pop_back();
+    }
+  };
+  for (std::size_t i = 0; i < file.joints.size(); ++i)
+  {
+    const BvhJoint& j = file.joints[i];
+    closeUntil(j.parent);
+    const int depth = static_cast<int>(open.size());
+    w.Tabs(depth);
+    w.Put(j.parent < 0 ? "ROOT " : "JOINT ");
+    w.Put(j.name);
+    w.Put('\n');
+    w.Tabs(depth);
+    w.Put("{\n");
+    w.Tabs(depth + 1);
+    w.Put("OFFSET ");
+    WriteVector(w, j.offset);
+    w.Put('\n');
+    w.Tabs(depth + 1);
+    w.Put("CHANNELS ");
+    w.Put(std::to_string(j.channels.size()));
+    for (Channel c : j.channels)
+    {
+      w.Put(' ');
+      w.Put(ChannelName(c));
+    }
+    w.Put('\n');
+    if (j.hasEndSite)
+    {
+      w.Tabs(depth + 1);
+      w.Put("End Site\n");
+      w.Tabs(depth + 1);
+      w.Put("{\n");
+      w.Tabs(depth + 2);
+      w.Put("OFFSET ");
+      WriteVector(w, j.endSiteOffset);
+      w.Put('\n');
+      w.Tabs(depth + 1);
+      w.Put("}\n");
+    }
+    open.push_back(static_cast<int>(i));
+  }
+  closeUntil(-1);
+  w.Put("MOTION\nFrames: ");
+  w.Put(std::to_string(file.frameCount));
+  w.Put("\nFrame Time: ");
+  w.Number(file.frameTime);
+  w.Put('\n');
+  const std::size_t row = static_cast<std::size_t>(file.channelCount);
+  const double* v = file.motion.data();
+  for (int f = 0; f < file.frameCount; ++f)
+  {
+    for (std::size_t c = 0; c < row; ++c)
+    {
+      if (c != 0)
+        w.Put(' ');
+      w.Number(*v++);
+    }
+    w.Put('\n');
+  }
+  return true;
+}
+
+bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error)
+{
+  const std::string prefix = "cannot write '" + path + "': ";
+  std::string text;
+  if (!WriteBvhToString(file, text, error))
+  {
+    error = prefix + error;
+    return false;
+  }
+  const std::size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (base.empty() || base == "." || base == "..")
+  {
+    error = prefix + "not a file name";
+    return false;
+  }
+  // Beside the target so that the final rename stays within one file system.
+  const std::string temp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + "." + base +
+                           ".tmp-" + std::to_string(::getpid());
+  int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0 && errno == EEXIST)
+  {
+    // A leftover of an earlier run of this same process id: ours to replace.
+    ::unlink(temp.c_str());
+    fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  }
+  if (fd < 0)
+  {
+    error = prefix + "cannot create a file in '" + dir + "': " + std::strerror(errno);
+    return false;
+  }
+  auto abandon = [&](const char* what) {
+    const int saved = errno;
+    if (fd >= 0)
+      ::close(fd);
+    ::unlink(temp.c_str());
+    error = prefix + what + std::strerror(saved);
+    return false;
+  };
+  if (!WriteAll(fd, text.data(), text.size()))
+    return abandon("");
+  if (::fsync(fd) != 0)
+    return abandon("");
+  const int closed = ::close(fd);
+  fd = -1;
+  if (closed != 0)
+    return abandon("");
+  if (::rename(temp.c_str(), path.c_str()) != 0)
+    return abandon("");
+  // Make the rename itself durable; failing here does not undo a complete, renamed file.
+  int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd >= 0)
+  {
+    ::fsync(dirFd);
+    ::close(dirFd);
+  }
+  return true;
+}
+
+} // namespace kelvara
