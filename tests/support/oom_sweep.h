@@ -1,0 +1,68 @@
+// Out-of-memory sweeps: run an operation with the N-th allocation failing, for N = 1, 2, ...
+// until a run in which no allocation failed, and check every run.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "telvo/errorbase.h"
+#include "telvo/system.h"
+
+namespace kelvara_test
+{
+
+// setup() builds a fresh state with the hook disarmed; operation(state) runs under the armed
+// hook and returns a Result; checkRun(state, result, failed) checks one run (failed: an
+// allocation of this run failed). Every run must leave no allocation alive once the state and the
+// result are gone. Returns the number of runs in which an allocation failed.
+template <typename SETUP, typename OPERATION, typename CHECK>
+int SweepAllocationFailures(SETUP&& setup, OPERATION&& operation, CHECK&& checkRun)
+{
+  for (int n = 1; n < 1000000; ++n)
+  {
+    const telvo::Int liveBefore = telvo::Allocator::GetLiveCount();
+    bool failed = false;
+    {
+      auto state = setup();
+      telvo::Allocator::FailNthAllocation(n);
+      auto result = operation(state);
+      failed = telvo::Allocator::FailureDelivered();
+      telvo::Allocator::FailNthAllocation(0);
+      SCOPED_TRACE("allocation " + std::to_string(n) + " failing");
+      checkRun(state, result, failed);
+    }
+    EXPECT_EQ(telvo::Allocator::GetLiveCount(), liveBefore) << "leak with allocation " << n << " failing";
+    if (!failed)
+      return n - 1;
+    if (::testing::Test::HasFailure())
+      return n;
+  }
+  ADD_FAILURE() << "the operation never ran without an allocation failing";
+  return 0;
+}
+
+// The usual sweep: every run in which an allocation failed returns OutOfMemoryError and leaves
+// the state as snapshot(state) showed it before; the run without a failure succeeds.
+template <typename SETUP, typename OPERATION, typename SNAPSHOT>
+int SweepOutOfMemory(SETUP&& setup, OPERATION&& operation, SNAPSHOT&& snapshot)
+{
+  std::string before;
+  auto setupAndSnapshot = [&] {
+    auto state = setup();
+    before = snapshot(state);
+    return state;
+  };
+  return SweepAllocationFailures(setupAndSnapshot, operation, [&](auto& state, const auto& result, bool failed) {
+    if (!failed)
+    {
+      EXPECT_TRUE(result.IsOk()) << "the run without a failing allocation failed: " << result.GetError().GetMessage();
+      return;
+    }
+    ASSERT_TRUE(result.IsError()) << "an allocation failed but the operation reported success";
+    EXPECT_STREQ(result.GetError().GetClass().name, "OutOfMemoryError") << result.GetError().GetMessage();
+    EXPECT_EQ(snapshot(state), before) << "the failing operation changed the object";
+  });
+}
+
+} // namespace kelvara_test
