@@ -309,16 +309,6 @@ TEST(HashMap, CopyOfAnEmptyMapAndOntoItself)
   EXPECT_EQ(map.GetBucketCount(), 0);
 }
 
-TEST(HashMap, CopiedValuesAreIndependent)
-{
-  HashMap<UInt, Counted, IdentityHash> src;
-  ASSERT_TRUE(src.Insert(1, Counted(10)).IsOk());
-  HashMap<UInt, Counted, IdentityHash> dst;
-  ASSERT_TRUE(dst.CopyFrom(src).IsOk());
-  dst.Find(1)->value = 11;
-  EXPECT_EQ(src.Find(1)->value, 10);
-}
-
 TEST(HashMap, DefaultHashSpreadsIntegralKeys)
 {
   // Multiples of 16 all share bucket 0 under an identity hash; the mixed hash spreads them.
