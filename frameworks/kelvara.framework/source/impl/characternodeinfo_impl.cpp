@@ -10,13 +10,15 @@ constexpr const char* kUnitName = "source/impl/characternodeinfo_impl";
 
 Result<void> CharacterNodeInfoPart::SetUuid(const Uuid& uuid)
 {
+  // uuid may be this very field: hold its object before the field changes.
+  const Uuid incoming = uuid;
   // Making the id writable first is what lets SetUuid fail on memory exhaustion (while SetName
   // never fails); the private id is then replaced by the shared one. Keep this order.
   if (_objectId.MakeWritable().IsError())
     return TELVO_OUT_OF_MEMORY();
-  if (_objectId.IsSameObject(uuid))
+  if (_objectId.IsSameObject(incoming))
     return OK();
-  _objectId = uuid;
+  _objectId = incoming;
   return OK();
 }
 
