@@ -59,4 +59,63 @@ private:
   BaseArray<ObjectRef> _children;
 };
 
+// What a visitor of WalkHierarchy answers for a node.
+enum class WalkAnswer
+{
+  Continue,     // go on, below this node first
+  SkipChildren, // go on with the next sibling, leaving this node's subtree out
+  Stop,         // end the whole walk at once, without error
+};
+
+namespace hierarchy_detail
+{
+template <typename VISIT>
+Result<void> WalkChildren(const ObjectInterface* node, Int depth, VISIT& visit, Bool& stopped)
+{
+  // A node that is not a hierarchy object (or a null slot) has nothing below it.
+  const auto* links = QueryInterface<HierarchyObjectInterface>(node);
+  if (links == nullptr)
+    return OK();
+  for (const ObjectRef& child : links->GetChildren())
+  {
+    Result<WalkAnswer> answer = visit(static_cast<const ObjectInterface*>(child.GetPointer()), node, depth);
+    if (answer.IsError())
+      return answer.GetError();
+    if (answer.GetValue() == WalkAnswer::Stop)
+    {
+      stopped = true;
+      return OK();
+    }
+    if (answer.GetValue() == WalkAnswer::SkipChildren)
+      continue;
+    TELVO_TRY(WalkChildren(child.GetPointer(), depth + 1, visit, stopped));
+    if (stopped)
+      return OK();
+  }
+  return OK();
+}
+} // namespace hierarchy_detail
+
+// Depth-first pre-order walk of start's subtree: a node is visited before its children, children
+// in their stored order, a child's whole subtree before the next child. The walk never goes up.
+//
+// visit(const ObjectInterface* node, const ObjectInterface* parent, Int depth) returns
+// Result<WalkAnswer>; start is visited at depth 0 with its own parent (nullptr for a root). Nodes
+// are handed as plain objects, possibly nullptr: each caller views them through QueryInterface and
+// decides what a node of another class means to it. The first error ends the walk and is
+// returned; Stop ends it with success. Nothing is allocated: the recursion is as deep as the tree.
+template <typename VISIT>
+Result<void> WalkHierarchy(const ObjectInterface* start, VISIT&& visit)
+{
+  const auto* links = QueryInterface<HierarchyObjectInterface>(start);
+  const ObjectInterface* parent = links != nullptr ? links->GetParent() : nullptr;
+  Result<WalkAnswer> answer = visit(start, parent, Int(0));
+  if (answer.IsError())
+    return answer.GetError();
+  if (answer.GetValue() != WalkAnswer::Continue)
+    return OK();
+  Bool stopped = false;
+  return hierarchy_detail::WalkChildren(start, 1, visit, stopped);
+}
+
 } // namespace telvo
