@@ -69,6 +69,13 @@ bool ParseCount(std::string_view text, long long& value)
   return r.ec == std::errc() && r.ptr == e && b != e;
 }
 
+// Words that structure the hierarchy and so cannot name a joint.
+bool IsReservedWord(std::string_view word)
+{
+  static constexpr std::string_view kWords[] = {"{", "}", "ROOT", "JOINT", "End", "OFFSET", "CHANNELS", "MOTION"};
+  return std::find(std::begin(kWords), std::end(kWords), word) != std::end(kWords);
+}
+
 struct Token
 {
   std::string_view text; // empty at end of file
@@ -198,11 +205,7 @@ private:
     return true;
   }
 
-  static bool IsKeyword(const Token& t)
-  {
-    static constexpr std::string_view kWords[] = {"{", "}", "ROOT", "JOINT", "End", "OFFSET", "CHANNELS", "MOTION"};
-    return t.Eof() || std::find(std::begin(kWords), std::end(kWords), t.text) != std::end(kWords);
-  }
+  static bool IsKeyword(const Token& t) { return t.Eof() || IsReservedWord(t.text); }
 
   bool ReadChannels(BvhJoint& joint, int& channelTotal)
   {
@@ -493,14 +496,72 @@ public:
     Reserve(64);
     char* b = s_.data() + used_;
     const double a = std::fabs(v);
-    auto r = (a == 0.0 || (a >= 1e-6 && a < 1e15)) ? std::to_chars(b, b + 64, v, std::chars_format::fixed)
-                                                   : std::to_chars(b, b + 64, v);
+    if (a == 0.0)
+    {
+      used_ += std::signbit(v) ? Put2(b, "-0") : Put2(b, "0");
+      return;
+    }
+    const bool plain = a >= 1e-6 && a < 1e15;
+    if (plain && FewDecimals(b, v))
+      return;
+    auto r = plain ? std::to_chars(b, b + 64, v, std::chars_format::fixed) : std::to_chars(b, b + 64, v);
     used_ += static_cast<std::size_t>(r.ptr - b);
   }
 
 private:
   std::string& s_;
   std::size_t used_ = 0;
+
+  static std::size_t Put2(char* b, std::string_view text)
+  {
+    std::memcpy(b, text.data(), text.size());
+    return text.size();
+  }
+
+  // Captured data mostly has a few decimals, and the library's shortest conversion costs about
+  // 100 ns a number. If n / 10^d reads back as v for a small d, "n with d decimals" is a
+  // round-trip text: n and 10^d are exact doubles, so the division rounds exactly as parsing the
+  // decimal does. Trying d upwards finds the shortest such text in practice.
+  bool FewDecimals(char* b, double v)
+  {
+    static constexpr double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
+    static constexpr std::uint64_t kIntPow10[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000,
+                                                  1000000000};
+    for (int d = 0; d < 10; ++d)
+    {
+      const double scaled = v * kPow10[d];
+      if (std::fabs(scaled) >= 9e15) // beyond exact integers
+        return false;
+      const double n = std::nearbyint(scaled);
+      if (n / kPow10[d] != v)
+        continue;
+      char* p = b;
+      if (n < 0)
+        *p++ = '-';
+      const std::uint64_t m = static_cast<std::uint64_t>(std::fabs(n));
+      p = std::to_chars(p, p + 24, m / kIntPow10[d]).ptr;
+      std::uint64_t frac = m % kIntPow10[d];
+      if (frac != 0)
+      {
+        int digits = d;
+        while (frac % 10 == 0)
+        {
+          frac /= 10;
+          --digits;
+        }
+        *p++ = '.';
+        for (int k = digits - 1; k >= 0; --k)
+        {
+          p[k] = static_cast<char>('0' + frac % 10);
+          frac /= 10;
+        }
+        p += digits;
+      }
+      used_ += static_cast<std::size_t>(p - b);
+      return true;
+    }
+    return false;
+  }
 };
 
 void WriteVector(Writer& w, const telvo::Vector& v)
@@ -615,9 +676,9 @@ bool ValidateBvh(const BvhFile& file, std::string& error)
   for (std::size_t i = 0; i < file.joints.size(); ++i)
   {
     const BvhJoint& j = file.joints[i];
-    if (j.name.empty() || j.name == "{" || j.name == "}" ||
+    if (j.name.empty() || IsReservedWord(j.name) ||
         std::any_of(j.name.begin(), j.name.end(), [](char c) { return IsSpace(c); }))
-      return fail(i, "a name must be one word");
+      return fail(i, "a name must be one word other than a keyword");
     // Depth-first order: the parent is the previous joint or one of its ancestors.
     while (!chain.empty() && chain.back() != j.parent)
       chain.pop_back();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -268,6 +269,7 @@ TEST(BvhRead, ErrorsNameTheLineAndTheToken)
     {"extra close brace", Replace(base, "}\nMOTION", "}\n}\nMOTION"), "c.bvh:12: expected ROOT or MOTION, found '}'"},
     {"missing open brace", Replace(base, "  {\n", "\n"), "c.bvh:8: expected '{', found 'OFFSET'"},
     {"missing joint name", Replace(base, "JOINT B", "JOINT"), "c.bvh:7: expected a joint name, found '{'"},
+    {"keyword as joint name", Replace(base, "JOINT B", "JOINT OFFSET"), "c.bvh:6: expected a joint name, found 'OFFSET'"},
     {"missing OFFSET", Replace(base, "    OFFSET 0 1 0\n", "\n"), "c.bvh:10: expected OFFSET, found '}'"},
     {"no root", "HIERARCHY\nMOTION\n", "c.bvh:2: expected ROOT, found 'MOTION'"},
     {"two end sites",
@@ -392,6 +394,37 @@ TEST(BvhWrite, NumbersReadBackBitForBit)
   ExpectSameFile(f, back);
 }
 
+TEST(BvhWrite, CapturedValuesGetTheShortestText)
+{
+  // Values as capture systems write them (a few decimals) must come out as short as the
+  // library's shortest conversion makes them, e.g. "-17.3198", not "-17.319800000000001".
+  BvhFile f;
+  BvhJoint j;
+  j.name = "root";
+  j.channels = {Channel::Zrotation};
+  f.joints.push_back(j);
+  f.channelCount = 1;
+  f.frameTime = 0.01;
+  std::mt19937 rng(13);
+  std::uniform_real_distribution<double> degrees(-1000, 1000);
+  for (int decimals = 0; decimals <= 12; ++decimals)
+    for (int i = 0; i < 500; ++i)
+      f.motion.push_back(std::round(degrees(rng) * std::pow(10.0, decimals)) / std::pow(10.0, decimals));
+  f.frameCount = static_cast<int>(f.motion.size());
+  std::string text;
+  std::string error;
+  ASSERT_TRUE(WriteBvhToString(f, text, error)) << error;
+  std::string expected = text.substr(0, text.find("Frame Time:"));
+  expected += "Frame Time: 0.01\n";
+  for (double v : f.motion)
+  {
+    char buf[64];
+    auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed);
+    expected.append(buf, r.ptr) += '\n';
+  }
+  EXPECT_EQ(text, expected);
+}
+
 TEST(BvhWrite, RejectsModelsItCannotWriteFaithfully)
 {
   BvhFile good;
@@ -408,6 +441,7 @@ TEST(BvhWrite, RejectsModelsItCannotWriteFaithfully)
     {"no joints", [](BvhFile& f) { f.joints.clear(); }},
     {"name with a blank", [](BvhFile& f) { f.joints[1].name = "Left Leg"; }},
     {"name that is a brace", [](BvhFile& f) { f.joints[1].name = "}"; }},
+    {"name the reader takes for a keyword", [](BvhFile& f) { f.joints[2].name = "End"; }},
     // Prop would hang under Spine, whose block Leg has already closed.
     {"not depth first", [](BvhFile& f) { f.joints[3].parent = 1; }},
     {"parent after child", [](BvhFile& f) { f.joints[1].parent = 2; }},
