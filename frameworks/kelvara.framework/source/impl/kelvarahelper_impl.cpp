@@ -14,36 +14,15 @@ constexpr const char* kClassId = "net.telvo.animation.class.kelvarahelper";
 constexpr const char* kImplementation = "KelvaraHelperImpl";
 constexpr const char* kAssociationClassId = "net.telvo.animation.class.characterassociation";
 
-// The child of a hierarchy node seen through interface I; NullptrError for a child that is null
-// or is not an I (a body part under a skeleton node, say): the walk cannot go on through it.
+// The node a hierarchy walk hands over, seen through interface I; NullptrError for a null node or
+// one of another class (a body part under a skeleton node, say): the walk cannot read it.
 template <typename I>
-Result<StrongRef<I>> ChildAs(const ObjectRef& child)
+Result<StrongRef<I>> NodeAs(const ObjectInterface* node)
 {
-  I* typed = QueryInterface<I>(child.GetPointer());
+  I* typed = QueryInterface<I>(node);
   if (typed == nullptr)
     return TELVO_NULLPTR_ERROR();
   return StrongRef<I>(typed);
-}
-
-// Depth-first pre-order walk from node: the node, then each child subtree in child order. visit
-// answers true to go on (into the node's children too) and false to stop the whole walk; its
-// first error ends the walk and is returned. Result: false when the walk was stopped.
-template <typename I, typename VISIT>
-Result<Bool> WalkPreOrder(const StrongRef<I>& node, VISIT& visit)
-{
-  if (!node)
-    return TELVO_NULLPTR_ERROR();
-  TELVO_TRY_ASSIGN(Bool goOn, visit(node));
-  if (!goOn)
-    return false;
-  for (const ObjectRef& child : node->GetChildren())
-  {
-    TELVO_TRY_ASSIGN(StrongRef<I> typed, ChildAs<I>(child));
-    TELVO_TRY_ASSIGN(goOn, WalkPreOrder(typed, visit));
-    if (!goOn)
-      return false;
-  }
-  return true;
 }
 
 // A keyword prepared once per body part: its sub-keywords, upper-cased. Splitting drops empty
@@ -106,26 +85,27 @@ public:
       TELVO_TRY(PrepareKeywords(keywords, separator, accept));
       TELVO_TRY(PrepareKeywords(bodyPart->GetSkeletonDiscardKeywords(), separator, discard));
 
-      auto visit = [&](const CharacterTreeRef& node) -> Result<Bool> {
+      auto visit = [&](const ObjectInterface* object, const ObjectInterface*, Int) -> Result<WalkAnswer> {
+        TELVO_TRY_ASSIGN(const CharacterTreeRef node, NodeAs<CharacterTreeInterface>(object));
         TELVO_TRY_ASSIGN(const String upperName, node->GetName().ToUpper());
         // Discard keywords win; a rejected node's descendants are still searched.
         if (AnyKeywordMatches(upperName, discard))
-          return true;
+          return WalkAnswer::Continue;
         if (!AnyKeywordMatches(upperName, accept))
-          return true;
+          return WalkAnswer::Continue;
         // The first match in pre-order is the body part's only node: the search stops here, on
         // purpose (nodes nested under it are never taken for the same body part).
         TELVO_TRY(found.Append(node->GetUuid()));
-        return false;
+        return WalkAnswer::Stop;
       };
-      TELVO_TRY(WalkPreOrder(skeleton, visit));
+      TELVO_TRY(WalkHierarchy(skeleton.GetPointer(), visit));
     }
 
     TELVO_TRY(bodyPart->SetSkeleton(found));
 
     for (const ObjectRef& child : bodyPart->GetChildren())
     {
-      TELVO_TRY_ASSIGN(CharacterBodyPartRef childPart, ChildAs<CharacterBodyPartInterface>(child));
+      TELVO_TRY_ASSIGN(CharacterBodyPartRef childPart, NodeAs<CharacterBodyPartInterface>(child.GetPointer()));
       TELVO_TRY(FillBodyPart(skeleton, childPart));
     }
     return OK();
@@ -144,14 +124,15 @@ public:
 
     counters = AssociationCounters{};
 
-    auto visit = [&](const CharacterBodyPartRef& source) -> Result<Bool> {
+    auto visit = [&](const ObjectInterface* object, const ObjectInterface*, Int) -> Result<WalkAnswer> {
+      TELVO_TRY_ASSIGN(const CharacterBodyPartRef source, NodeAs<CharacterBodyPartInterface>(object));
       ++counters.visitedSourceBodyParts;
       // Errors of one body part's visit are dropped on purpose: the walk goes on with the next
       // body part, and what was associated before the error stays.
       (void)AssociateOne(*writable, source, dstBodyPart, counters);
-      return true;
+      return WalkAnswer::Continue;
     };
-    TELVO_TRY(WalkPreOrder(srcBodyPart, visit));
+    TELVO_TRY(WalkHierarchy(srcBodyPart.GetPointer(), visit));
     return association;
   }
 
@@ -203,7 +184,7 @@ public:
     {
       for (const ObjectRef& child : bodyPart->GetChildren())
       {
-        TELVO_TRY_ASSIGN(CharacterBodyPartRef childPart, ChildAs<CharacterBodyPartInterface>(child));
+        TELVO_TRY_ASSIGN(CharacterBodyPartRef childPart, NodeAs<CharacterBodyPartInterface>(child.GetPointer()));
         TELVO_TRY_ASSIGN(Int childCount, FindBodyPartMatchingCount(childPart, pose, true));
         count += childCount;
       }
