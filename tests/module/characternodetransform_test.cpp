@@ -368,17 +368,13 @@ TEST(CharacterNodeTransformOutOfMemory, TextDropsWholePiecesOnly)
 {
   CharacterNodeTransform t = Create(MakeUuid(), Translation(1, 2, 3), Distinct(0));
   (void)t.MakeWritable().GetValue()->SetName(MakeString("Neck"));
-  // Node info's own id line keeps its label when the id text finds no memory ("Object ID : \n");
-  // that is node info's to fix, so it is accepted here and the matrix pieces are checked whole.
-  const std::vector<std::string> pieces = {std::string("Object ID : ") + kUuidText + "\n", "Object ID : \n",
-                                           "Object Name : Neck\n",
+  const std::vector<std::string> pieces = {std::string("Object ID : ") + kUuidText + "\n", "Object Name : Neck\n",
                                            "Global Matrix :\n((1,0,0),(0,1,0),(0,0,1),(1,2,3))\n",
                                            "Parent Global Matrix :\n((4,5,6),(7,8,9),(10,11,12),(1,2,3))\n",
                                            std::string("Pre-Multiply Matrix :\n") + kIdentityText + "\n"};
   std::string whole;
-  for (size_t i = 0; i < pieces.size(); ++i)
-    if (i != 1)
-      whole += pieces[i];
+  for (const std::string& piece : pieces)
+    whole += piece;
   int failingRuns = kelvara_test::SweepAllocationFailures(
     [&] { return 0; }, [&](int&) { return std::string(t->ToString().View()); },
     [&](int&, const std::string& text, bool failed) {

@@ -31,8 +31,11 @@ Result<void> CharacterNodeInfoPart::SetName(const String& name)
 String CharacterNodeInfoPart::ToString(const FormatStatement* formatStatement) const
 {
   String result;
-  // A null id prints the framework's default (empty) Uuid.
-  AppendPiece(result, MakeLine("Object ID : ", _objectId.ToString(formatStatement)));
+  // A null id prints the framework's default (empty) Uuid, so an empty text means the conversion
+  // found no memory: that line is dropped.
+  String idText = _objectId.ToString(formatStatement);
+  if (!idText.IsEmpty())
+    AppendPiece(result, MakeLine("Object ID : ", std::move(idText)));
   Result<String> nameLine = String::Create("Object Name : ");
   if (nameLine.IsOk() && nameLine.GetValue().Append(_objectName).IsOk() &&
       nameLine.GetValue().Append(std::string_view("\n")).IsOk())
