@@ -28,7 +28,7 @@ using namespace telvo;
 std::string Found(const json& value)
 {
   std::string text = value.dump();
-  return text.size() > 40 ? text.substr(0, 37) + "..." : text;
+  return text.size() > 60 ? text.substr(0, 57) + "..." : text;
 }
 
 bool Fail(std::string& error, const std::string& path, const std::string& expected, const json& found)
