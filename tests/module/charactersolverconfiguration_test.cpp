@@ -159,10 +159,7 @@ TEST_F(CharacterSolverConfigurationTest, OnlyToStringAllocatesAndItDropsWholeLin
   int failingRuns = SweepAllocationFailures(
     [] { return 0; }, [](int) { return CreateObject<CharacterSolverConfiguration>(kConfigurationClassId); },
     [](int, const auto& result, bool failed) {
-      if (failed)
-        EXPECT_TRUE(result.IsError() && result.GetError().IsClass(OutOfMemoryError));
-      else
-        EXPECT_TRUE(result.IsOk());
+      EXPECT_TRUE(failed ? result.IsError() && result.GetError().IsClass(OutOfMemoryError) : result.IsOk());
     });
   EXPECT_GT(failingRuns, 0);
 
@@ -174,10 +171,14 @@ TEST_F(CharacterSolverConfigurationTest, OnlyToStringAllocatesAndItDropsWholeLin
     [&](int, const Result<String>& text, bool failed) {
       const std::string got(text.GetValue().View());
       if (!failed)
+      {
         EXPECT_EQ(got, full);
+      }
       else
+      {
         EXPECT_TRUE(got.empty() || got == "Source Character : Performer\n" || got == "Target Character : Hero\n")
           << got;
+      }
     });
   EXPECT_GT(failingRuns, 0);
 }
