@@ -4,8 +4,9 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 namespace kelvara
 {
@@ -13,14 +14,9 @@ namespace kelvara
 namespace
 {
 
-const char* const kUsage =
-  "Usage: kelvara COMMAND [ARGS]\n"
-  "\n"
-  "Commands:\n"
-  "  modules [PATH]   Load the module (default: the one built beside kelvara), print its id, its\n"
-  "                   dependencies and every registration in order, unload it and print the\n"
-  "                   order of withdrawal.\n"
-  "  --help           Show this text.\n"
+const char* const kFooter =
+  "Exit status: 0 success, 1 failure of the work, 2 bad input (usage, unreadable or malformed\n"
+  "files; nothing is written then).\n"
   "\n"
   "Environment:\n"
   "  KELVARA_MODULE   Module file to load instead of the one beside the executable.\n";
@@ -48,17 +44,92 @@ std::string DefaultModulePath()
 
 int RunCommandLine(int argc, char** argv)
 {
-  std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help")
+  CLI::App app{"kelvara: retargets motion capture (BVH) from one skeleton onto another through the kelvara "
+               "module.",
+               "kelvara"};
+  app.footer(kFooter);
+  app.require_subcommand(1);
+
+  std::vector<std::string> modulePaths;
+  CLI::App* modules = app.add_subcommand(
+    "modules", "Load the module (default: the one built beside kelvara), print its id, its dependencies and every "
+               "registration in order, unload it and print the order of withdrawal.");
+  modules->add_option("PATH", modulePaths, "Module file to load");
+
+  RetargetOptions retarget;
+  std::string rootScaleHelp = "auto: the target's hip height above its feet divided by the source's; or a number";
+  CLI::App* retargetCommand = app.add_subcommand(
+    "retarget", "Retarget the motion of SOURCE onto the skeleton of TARGET and write OUT: TARGET's hierarchy with "
+                "SOURCE's frames.");
+  retargetCommand->add_option("SOURCE", retarget.sourcePath, "BVH file that gives the motion")->required();
+  retargetCommand->add_option("--target", retarget.targetPath, "BVH file that gives the skeleton (its motion is "
+                                                               "ignored)")
+    ->required();
+  retargetCommand->add_option("-o,--output", retarget.outPath, "BVH file to write")->required();
+  retargetCommand->add_option("--map", retarget.mapPath,
+                              "JSON object {\"target joint\": \"source joint\", ...} overriding the keyword pairing");
+  retargetCommand->add_option("--preset", retarget.preset,
+                              "Keyword preset for both characters (cmu, studio, game, generic); default: the one that "
+                              "fills the most body parts");
+  retargetCommand->add_option("--source-preset", retarget.sourcePreset, "Keyword preset for the source only");
+  retargetCommand->add_option("--target-preset", retarget.targetPreset, "Keyword preset for the target only");
+  retargetCommand->add_option("--root-scale", retarget.rootScale, rootScaleHelp)->capture_default_str();
+  retargetCommand->add_flag("--no-root-motion", retarget.noRootMotion, "Keep the root in place");
+  retargetCommand->add_flag("--timings", retarget.timings, "Print reading, solving and writing times to stderr");
+  retargetCommand->add_flag("-q,--quiet", retarget.quiet, "Do not print the joint mapping");
+
+  std::string inspectPath;
+  std::string inspectPreset;
+  CLI::App* inspect = app.add_subcommand(
+    "inspect", "Print a BVH file's joints as a tree, its frames and frame time, the preset chosen and which joint "
+               "fills which body part.");
+  inspect->add_option("FILE", inspectPath, "BVH file")->required();
+  inspect->add_option("--preset", inspectPreset, "Keyword preset to use instead of the best one");
+
+  std::string demoOut = "demo_out.bvh";
+  int demoFrames = 240;
+  CLI::App* demo = app.add_subcommand(
+    "demo", "Retarget a built-in walk onto a built-in skeleton of other names, proportions and rest pose, write "
+            "the result and print the mapping and a summary. No file needed.");
+  demo->add_option("-o,--output", demoOut, "BVH file to write")->capture_default_str();
+  demo->add_option("--frames", demoFrames, "Frames of the walk")->capture_default_str()->check(CLI::Range(1, 1000000));
+
+  if (argc <= 1)
   {
-    std::fputs(kUsage, args.empty() ? stderr : stdout);
-    return args.empty() ? 2 : 0;
+    std::fputs(app.help().c_str(), stderr);
+    return 2;
   }
-  const std::string command = args[0];
-  args.erase(args.begin());
-  if (command == "modules")
-    return RunModulesCommand(args);
-  std::fprintf(stderr, "kelvara: unknown command '%s'\n\n%s", command.c_str(), kUsage);
+  const std::string first = argv[1];
+  if (first == "help")
+  {
+    std::fputs(app.help().c_str(), stdout);
+    return 0;
+  }
+  const bool known = first == "modules" || first == "retarget" || first == "inspect" || first == "demo";
+  if (!first.empty() && first[0] != '-' && !known)
+  {
+    std::fprintf(stderr, "kelvara: unknown command '%s'\n\n%s", first.c_str(), app.help().c_str());
+    return 2;
+  }
+  try
+  {
+    app.parse(argc, argv);
+  }
+  catch (const CLI::ParseError& e)
+  {
+    // Help and version requests are successes; every other parse error is bad usage.
+    const int status = app.exit(e);
+    return status == 0 ? 0 : 2;
+  }
+
+  if (modules->parsed())
+    return RunModulesCommand(modulePaths);
+  if (retargetCommand->parsed())
+    return RunRetargetCommand(retarget);
+  if (inspect->parsed())
+    return RunInspectCommand(inspectPath, inspectPreset);
+  if (demo->parsed())
+    return RunDemoCommand(demoOut, demoFrames);
   return 2;
 }
 

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "bvh.h"
+
 namespace kelvara
 {
 
@@ -15,5 +17,32 @@ int RunCommandLine(int argc, char** argv);
 std::string DefaultModulePath();
 
 int RunModulesCommand(const std::vector<std::string>& args);
+
+struct RetargetOptions
+{
+  std::string sourcePath;
+  std::string targetPath;
+  std::string outPath;
+  std::string mapPath;
+  std::string preset;       // both characters, unless one of the two below names another
+  std::string sourcePreset;
+  std::string targetPreset;
+  std::string rootScale = "auto";
+  bool noRootMotion = false;
+  bool timings = false;
+  bool quiet = false; // no mapping table
+};
+
+int RunRetargetCommand(const RetargetOptions& options);
+
+// The road on files already in memory (the retarget and demo commands): loads the module,
+// builds both characters, retargets, writes options.outPath and reports on stdout. readSeconds
+// and inputBytes are what reading took, for --timings.
+int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetOptions& options, double readSeconds,
+                   double inputBytes);
+
+int RunInspectCommand(const std::string& path, const std::string& preset);
+
+int RunDemoCommand(const std::string& outPath, int frames);
 
 } // namespace kelvara

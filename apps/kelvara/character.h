@@ -1,0 +1,82 @@
+// A BVH skeleton turned into a character of the module: the skeleton tree, the rest pose, the
+// humanoid body-part tree and the definition that holds them, plus what the host needs beside
+// them (node ids per joint, rest matrices, the body part each joint fills).
+#pragma once
+
+#include <array>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "bvh.h"
+#include "presets.h"
+#include "telvo/characterdefinition.h"
+#include "telvo/kelvarahelper.h"
+
+namespace kelvara
+{
+
+// How a character stands in its rest pose, read from the filled body parts.
+struct Orientation
+{
+  bool known = false;     // false when hips, feet or toes are missing: no side can be decided
+  telvo::Vector up;       // from the feet to the hips
+  telvo::Vector forward;  // where the toes point, square to up
+  telvo::Vector left;     // up x forward: the character's own left (right-handed axes)
+};
+
+struct Character
+{
+  std::string role;               // "source" or "target": part of every node id
+  const BvhFile* file = nullptr;  // not owned; must outlive the character
+  std::vector<telvo::Uuid> uuids; // per joint, file order
+  std::vector<telvo::CharacterTreeRef> nodes;
+  telvo::CharacterTreeRef skeletonRoot; // the root joint, or a grouping node over several roots
+  std::vector<telvo::Matrix> restGlobal; // per joint: accumulated offsets, no rotation
+  telvo::CharacterPose restPose;
+  telvo::CharacterBodyPartRef bodyParts[kBodyPartCount]; // [kHips] is the root of the tree
+  telvo::CharacterDefinition definition;
+
+  // Filled by ChooseAndFillPreset.
+  std::string preset;
+  std::array<int, kBodyPartCount> partJoint{}; // joint index per body part, -1 when empty
+  Orientation orientation;
+  std::vector<std::string> notes; // sides swapped, joints claimed twice: for the report
+
+  int FindJoint(std::string_view name) const;
+};
+
+// Node id of a joint: a 128-bit FNV-1a hash of role + ":" + the joint's path of names from its
+// root ("Hips/Spine/Neck"), with the variant and version bits of a name-based id. The role keeps
+// the ids of a source and a target read from the same file apart: the association's tables are
+// symmetric, so a shared id would pair a node with itself.
+telvo::Uuid::Bytes JointIdBytes(std::string_view role, std::string_view path);
+// "Hips/Spine/Neck" for joint index; a sibling of the same name gets "#2", "#3", ... appended.
+std::string JointPath(const BvhFile& file, int joint);
+
+// Builds the skeleton tree, the rest pose, an empty body-part tree of the template and the
+// definition. Needs the module loaded. false with a message on failure.
+bool BuildCharacter(const BvhFile& file, std::string_view role, Character& out, std::string& error);
+
+// Fills the body parts with the named preset, or, when presetName is empty, with the preset that
+// fills the most body parts (FindBodyPartMatchingCount over the rest pose); ties go to the preset
+// whose filled joints agree best with the character's geometry, then to the earlier preset.
+// Afterwards a joint claimed by two body parts stays with the first (pre-order), and a limb
+// whose "left" joints lie on the character's right is swapped with its mirror.
+bool ChooseAndFillPreset(Character& character, const telvo::KelvaraHelperRef& helper,
+                         const std::string& presetName, std::string& error);
+
+// Reads the body parts' skeletons back into partJoint.
+bool ReadFilledParts(Character& character, std::string& error);
+
+// Up, forward and left from the filled hips, feet and toes (see Orientation).
+Orientation ComputeOrientation(const Character& character);
+
+// Height of the hips above the lowest foot or toe joint along up, in the file's units; 0 when
+// it cannot be told.
+double HipHeight(const Character& character);
+
+// Text of a module error for messages.
+std::string ErrorText(const telvo::Error& error);
+
+} // namespace kelvara

@@ -1,0 +1,216 @@
+// kelvara retarget: SOURCE's motion onto TARGET's skeleton, written as OUT.
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "character.h"
+#include "commands.h"
+#include "mapping.h"
+#include "retarget.h"
+#include "telvo/loader.h"
+#include "telvo/registrybase.h"
+
+namespace kelvara
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start)
+{
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double FileBytes(const std::string& path)
+{
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? static_cast<double>(st.st_size) : 0.0;
+}
+
+void PrintCharacter(const char* label, const Character& c)
+{
+  int filled = 0;
+  for (int j : c.partJoint)
+    filled += j >= 0 ? 1 : 0;
+  const BvhFile& f = *c.file;
+  std::printf("%s %s: %zu joints, %d frames of %g s; preset %s, %d of %d body parts filled\n", label,
+              f.path.c_str(), f.joints.size(), f.frameCount, f.frameTime, c.preset.c_str(), filled, kBodyPartCount);
+  std::string empty;
+  for (int part = 0; part < kBodyPartCount; ++part)
+    if (c.partJoint[static_cast<std::size_t>(part)] < 0)
+      empty += (empty.empty() ? "" : ", ") + std::string(GetBodyPartInfo(part).name);
+  if (!empty.empty())
+    std::printf("  empty body parts: %s\n", empty.c_str());
+  for (const std::string& note : c.notes)
+    std::printf("  note: %s\n", note.c_str());
+}
+
+// Everything that holds module objects lives in here, so that all of it is released before the
+// module is unloaded.
+int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& options,
+          const std::vector<JointPair>& mapPairs, double rootScale, BvhFile& output)
+{
+  std::string error;
+  telvo::Result<telvo::KelvaraHelperRef> helper =
+    telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
+  if (helper.IsError())
+  {
+    std::fprintf(stderr, "kelvara: cannot make the helper: %s\n", ErrorText(helper.GetError()).c_str());
+    return 1;
+  }
+  Character sourceCharacter;
+  Character targetCharacter;
+  const std::string sourcePreset = options.sourcePreset.empty() ? options.preset : options.sourcePreset;
+  const std::string targetPreset = options.targetPreset.empty() ? options.preset : options.targetPreset;
+  for (const std::string* name : {&sourcePreset, &targetPreset})
+    if (!name->empty() && FindPreset(*name) == nullptr)
+    {
+      std::fprintf(stderr, "kelvara: expected a preset name (%s), found \"%s\"\n", PresetNames().c_str(),
+                   name->c_str());
+      return 2;
+    }
+  if (!BuildCharacter(source, "source", sourceCharacter, error) ||
+      !ChooseAndFillPreset(sourceCharacter, helper.GetValue(), sourcePreset, error) ||
+      !BuildCharacter(target, "target", targetCharacter, error) ||
+      !ChooseAndFillPreset(targetCharacter, helper.GetValue(), targetPreset, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+
+  RetargetJob job;
+  job.source = &sourceCharacter;
+  job.target = &targetCharacter;
+  job.helper = helper.GetValue();
+  job.mapPairs = mapPairs;
+  job.rootScale = rootScale;
+  job.rootMotion = !options.noRootMotion;
+  if (!job.Validate(error) || !job.Run(error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+
+  PrintCharacter("source", sourceCharacter);
+  PrintCharacter("target", targetCharacter);
+  int paired = 0;
+  for (int s : job.sourceOfTarget)
+    paired += s >= 0 ? 1 : 0;
+  if (!options.quiet)
+  {
+    std::printf("mapping (target joint <- source joint):\n");
+    for (std::size_t t = 0; t < target.joints.size(); ++t)
+    {
+      const int s = job.sourceOfTarget[t];
+      if (s >= 0)
+        std::printf("  %-24s <- %-24s %s\n", target.joints[t].name.c_str(),
+                    source.joints[static_cast<std::size_t>(s)].name.c_str(), job.pairOrigin[t].c_str());
+      else
+        std::printf("  %-24s    %-24s keeps its rest rotation\n", target.joints[t].name.c_str(), "-");
+    }
+  }
+  std::printf("%d of %zu target joints driven; root %s", paired, target.joints.size(),
+              options.noRootMotion ? "kept in place" : "moves");
+  if (!options.noRootMotion)
+    std::printf(", scale %.6g%s", job.appliedRootScale, rootScale <= 0.0 ? " (auto)" : "");
+  std::printf("\n");
+  for (const std::string& note : job.notes)
+    std::printf("  note: %s\n", note.c_str());
+  output = std::move(job.output);
+  return 0;
+}
+
+bool ParseRootScale(const std::string& text, double& scale)
+{
+  if (text == "auto")
+  {
+    scale = 0.0;
+    return true;
+  }
+  char* end = nullptr;
+  scale = std::strtod(text.c_str(), &end);
+  return !text.empty() && end == text.c_str() + text.size() && std::isfinite(scale) && scale > 0.0;
+}
+
+} // namespace
+
+int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetOptions& options, double readSeconds,
+                   double inputBytes)
+{
+  const Clock::time_point solveStart = Clock::now();
+  double rootScale = 0.0;
+  if (!ParseRootScale(options.rootScale, rootScale))
+  {
+    std::fprintf(stderr, "kelvara: expected auto or a positive number for --root-scale, found \"%s\"\n",
+                 options.rootScale.c_str());
+    return 2;
+  }
+  std::vector<JointPair> mapPairs;
+  std::string error;
+  if (!options.mapPath.empty() && !ReadJointMap(options.mapPath, source, target, mapPairs, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 2;
+  }
+
+  std::string why;
+  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  if (!module)
+  {
+    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
+    return 1;
+  }
+  BvhFile output;
+  const int status = Solve(source, target, options, mapPairs, rootScale, output);
+  module->Unload();
+  if (status != 0)
+    return status;
+  const double solveSeconds = SecondsSince(solveStart);
+
+  const Clock::time_point writeStart = Clock::now();
+  output.path = options.outPath;
+  if (!WriteBvh(options.outPath, output, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+  const double writeSeconds = SecondsSince(writeStart);
+  const double outputBytes = FileBytes(options.outPath);
+  std::printf("wrote %s: %zu joints, %d frames of %g s\n", options.outPath.c_str(), output.joints.size(),
+              output.frameCount, output.frameTime);
+  if (options.timings)
+  {
+    auto rate = [](double bytes, double seconds) { return seconds > 0.0 ? bytes / seconds / 1e6 : 0.0; };
+    std::fprintf(stderr,
+                 "timings: reading %.2f ms (%.2f MB, %.0f MB/s), solving %.2f ms (%d frames), writing %.2f ms "
+                 "(%.2f MB, %.0f MB/s), total %.2f ms\n",
+                 readSeconds * 1e3, inputBytes / 1e6, rate(inputBytes, readSeconds), solveSeconds * 1e3,
+                 output.frameCount, writeSeconds * 1e3, outputBytes / 1e6, rate(outputBytes, writeSeconds),
+                 (readSeconds + solveSeconds + writeSeconds) * 1e3);
+  }
+  return 0;
+}
+
+int RunRetargetCommand(const RetargetOptions& options)
+{
+  const Clock::time_point readStart = Clock::now();
+  BvhFile source;
+  BvhFile target;
+  std::string error;
+  if (!ReadBvh(options.sourcePath, source, error) || !ReadBvh(options.targetPath, target, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 2;
+  }
+  const double readSeconds = SecondsSince(readStart);
+  return RetargetLoaded(source, target, options, readSeconds,
+                        FileBytes(options.sourcePath) + FileBytes(options.targetPath));
+}
+
+} // namespace kelvara
