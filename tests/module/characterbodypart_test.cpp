@@ -5,6 +5,7 @@
 
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
+#include "support/recording_describer.h"
 #include "telvo/characterbodypart.h"
 #include "telvo/charactertree.h"
 
@@ -15,19 +16,6 @@ namespace
 
 constexpr const char* kBodyPartClassId = "net.telvo.animation.class.characterbodypart";
 constexpr const char* kZeroUuid = "00000000-0000-0000-0000-000000000000";
-
-// Records key, type name and flags of each declaration.
-class MemberRecorder : public DataDescriber
-{
-public:
-  Result<void> DeclareMember(const char* key, const DataType& type, UInt flags, MemberAccess access) override
-  {
-    EXPECT_NE(access, nullptr) << key;
-    members.push_back(std::string(key) + ":" + type.name + ":" + std::to_string(flags));
-    return OK();
-  }
-  std::vector<std::string> members;
-};
 
 Uuid MakeUuid(const std::string& tail)
 {
@@ -328,12 +316,15 @@ TEST_F(CharacterBodyPartTest, FactorySharesTheIdentifierAndFailsWhenTheClassIsHi
 
 TEST_F(CharacterBodyPartTest, DescribesSixMembersInFieldOrder)
 {
-  MemberRecorder recorder;
+  using kelvara_test::DeclaredMember;
+  kelvara_test::RecordingDescriber recorder;
   ASSERT_TRUE(CharacterBodyPartInterface::DescribeIO(recorder).IsOk());
-  EXPECT_EQ(recorder.members, (std::vector<std::string>{"_identifier:InternedId:0", "_name:String:0",
-                                                        "_controllers:Uuid:2048", "_skeletonNodes:Uuid:2048",
-                                                        "_skeletonKeywords:String:2048",
-                                                        "_skeletonDiscardKeywords:String:2048"}));
+  EXPECT_EQ(recorder.members, (std::vector<DeclaredMember>{{"_identifier", "InternedId", DESCRIBEFLAGS_NONE, true},
+                                                           {"_name", "String", DESCRIBEFLAGS_NONE, true},
+                                                           {"_controllers", "Uuid", DESCRIBEFLAGS_ARRAY, true},
+                                                           {"_skeletonNodes", "Uuid", DESCRIBEFLAGS_ARRAY, true},
+                                                           {"_skeletonKeywords", "String", DESCRIBEFLAGS_ARRAY, true},
+                                                           {"_skeletonDiscardKeywords", "String", DESCRIBEFLAGS_ARRAY, true}}));
 }
 
 TEST_F(CharacterBodyPartTest, CopyIsTheWholeSubtreeWithoutTheParent)

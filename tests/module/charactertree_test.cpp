@@ -6,6 +6,7 @@
 
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
+#include "support/recording_describer.h"
 #include "telvo/characterbodypart.h"
 #include "telvo/charactertree.h"
 
@@ -16,19 +17,6 @@ namespace
 
 constexpr const char* kTreeClassId = "net.telvo.animation.class.charactertree";
 constexpr const char* kZeroUuid = "00000000-0000-0000-0000-000000000000";
-
-// Records key, type name and flags of each declaration.
-class MemberRecorder : public DataDescriber
-{
-public:
-  Result<void> DeclareMember(const char* key, const DataType& type, UInt flags, MemberAccess access) override
-  {
-    EXPECT_NE(access, nullptr) << key;
-    members.push_back(std::string(key) + ":" + type.name + ":" + std::to_string(flags));
-    return OK();
-  }
-  std::vector<std::string> members;
-};
 
 Uuid MakeUuid(int n)
 {
@@ -82,18 +70,14 @@ protected:
   void SetUp() override { kelvara_test::LoadedModuleForTests(); }
 };
 
-TEST_F(CharacterTreeTest, CountsASingleNodeByItsFlag)
-{
-  CharacterTreeRef joint = MakeNode(1, true);
-  CharacterTreeRef group = MakeNode(2, false);
-  EXPECT_EQ(Count(joint, false), 1);
-  EXPECT_EQ(Count(joint, true), 1);
-  EXPECT_EQ(Count(group, false), 1);
-  EXPECT_EQ(Count(group, true), 0);
-}
-
 TEST_F(CharacterTreeTest, FilterSkipsGroupingNodesButDescendsThroughThem)
 {
+  CharacterTreeRef joint = MakeNode(1, true);
+  CharacterTreeRef single = MakeNode(2, false);
+  EXPECT_EQ(Count(joint, true), 1);
+  EXPECT_EQ(Count(single, false), 1);
+  EXPECT_EQ(Count(single, true), 0);
+
   // A grouping root with three joints.
   CharacterTreeRef root = MakeNode(1, false);
   for (int i = 2; i <= 4; ++i)
@@ -203,7 +187,7 @@ TEST_F(CharacterTreeTest, ObserverAndNodeInfoShareOneName)
   EXPECT_NE(Text(node->ToString()).find("Object Name : Neck\n"), std::string::npos);
 }
 
-TEST_F(CharacterTreeTest, FactorySharesItsValuesAndMakesAFreeNode)
+TEST_F(CharacterTreeTest, FactorySharesItsValuesOrFailsWhenTheClassIsHidden)
 {
   const Uuid uuid = MakeUuid(7);
   const String name = MakeString("LeftArm");
@@ -213,32 +197,30 @@ TEST_F(CharacterTreeTest, FactorySharesItsValuesAndMakesAFreeNode)
   EXPECT_TRUE(tree.GetValue()->GetName().IsSameBuffer(name));
   EXPECT_TRUE(tree.GetValue()->IsTransformNode());
   EXPECT_EQ(tree.GetValue()->GetParent(), nullptr);
-  EXPECT_EQ(tree.GetValue()->GetChildren().GetCount(), 0);
   EXPECT_EQ(tree.GetValue()->GetReferenceCount(), 1);
-}
 
-TEST_F(CharacterTreeTest, HiddenClassGivesTheReasonZeroError)
-{
   Registry::Get().SetClassHidden(kTreeClassId, true);
   const Int liveBefore = Allocator::GetLiveCount();
-  Result<CharacterTreeRef> tree = CharacterTreeInterface::CreateTree(MakeUuid(1), MakeString("x"), true);
+  Result<CharacterTreeRef> hidden = CharacterTreeInterface::CreateTree(uuid, name, true);
   const Int liveAfter = Allocator::GetLiveCount();
   Registry::Get().SetClassHidden(kTreeClassId, false);
-  ASSERT_TRUE(tree.IsError());
-  EXPECT_TRUE(tree.GetError() == NullReturnError(0));
+  ASSERT_TRUE(hidden.IsError());
+  EXPECT_TRUE(hidden.GetError() == NullReturnError(0));
   EXPECT_EQ(liveAfter, liveBefore);
 }
 
 TEST_F(CharacterTreeTest, DescribesItsFlagAfterTheNodeInfoMembers)
 {
-  MemberRecorder own;
+  using kelvara_test::DeclaredMember;
+  kelvara_test::RecordingDescriber own;
   ASSERT_TRUE(CharacterTreeInterface::DescribeIO(own).IsOk());
-  EXPECT_EQ(own.members, std::vector<std::string>{"IsTransformNode:Bool:0"});
+  EXPECT_EQ(own.members, (std::vector<DeclaredMember>{{"IsTransformNode", "Bool", DESCRIBEFLAGS_NONE, true}}));
 
-  MemberRecorder whole;
+  kelvara_test::RecordingDescriber whole;
   ASSERT_TRUE(DescribeClass(*MakeNode(1, true)->GetClass(), whole).IsOk());
-  EXPECT_EQ(whole.members,
-            (std::vector<std::string>{"_objectID:Uuid:0", "_objectName:String:0", "IsTransformNode:Bool:0"}));
+  EXPECT_EQ(whole.members, (std::vector<DeclaredMember>{{"_objectID", "Uuid", DESCRIBEFLAGS_NONE, true},
+                                                        {"_objectName", "String", DESCRIBEFLAGS_NONE, true},
+                                                        {"IsTransformNode", "Bool", DESCRIBEFLAGS_NONE, true}}));
 }
 
 TEST_F(CharacterTreeTest, CopyIsTheWholeSubtreeWithoutTheParent)
