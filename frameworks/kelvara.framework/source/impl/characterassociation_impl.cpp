@@ -145,6 +145,7 @@ public:
     return *value;
   }
 
+  // The format statement goes to the Uuid texts, as node info does with its id.
   String ToString(const FormatStatement* formatStatement = nullptr) const override
   {
     String result;

@@ -78,7 +78,8 @@ public:
   }
 
   // The roots are cloned and the rest poses shared. A null root in src leaves ours as it was,
-  // while poses and controllers are always overwritten: stored definitions rely on this.
+  // while poses and controllers are always overwritten: stored definitions rely on this. A root
+  // that cannot be cloned is left null and the error returned at once.
   Result<void> CopyFrom(const CharacterDefinitionImpl& src)
   {
     TELVO_TRY(CharacterNodeInfoPart::CopyFrom(src));
