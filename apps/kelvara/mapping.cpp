@@ -48,7 +48,7 @@ int FindJoint(const BvhFile& file, const std::string& name)
   return -1;
 }
 
-std::string TypeName(const nlohmann::json& value)
+std::string TypeName(const nlohmann::ordered_json& value)
 {
   return value.is_number() ? "a number" : value.is_boolean() ? "a boolean" : value.is_null() ? "null"
          : value.is_array()                                                                    ? "an array"
@@ -62,10 +62,11 @@ bool ParseJointMap(std::string_view text, const std::string& displayName, const 
                    const BvhFile& target, std::vector<JointPair>& pairs, std::string& error)
 {
   pairs.clear();
-  nlohmann::json document;
+  // Ordered, so that pairs and messages follow the file.
+  nlohmann::ordered_json document;
   try
   {
-    document = nlohmann::json::parse(text.begin(), text.end());
+    document = nlohmann::ordered_json::parse(text.begin(), text.end());
   }
   catch (const nlohmann::json::parse_error& e)
   {
