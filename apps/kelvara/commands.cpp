@@ -69,7 +69,7 @@ int RunCommandLine(int argc, char** argv)
   retargetCommand->add_option("--map", retarget.mapPath,
                               "JSON object {\"target joint\": \"source joint\", ...} overriding the keyword pairing");
   retargetCommand->add_option("--preset", retarget.preset,
-                              "Keyword preset for both characters (cmu, studio, game, generic); default: the one that "
+                              "Keyword preset for both characters (game, cmu, studio, generic); default: the one that "
                               "fills the most body parts");
   retargetCommand->add_option("--source-preset", retarget.sourcePreset, "Keyword preset for the source only");
   retargetCommand->add_option("--target-preset", retarget.targetPreset, "Keyword preset for the target only");

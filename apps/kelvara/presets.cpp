@@ -187,7 +187,9 @@ bool IsLeftPart(int part)
 
 const std::vector<Preset>& GetPresets()
 {
-  static const std::vector<Preset> presets = {MakeCmu(), MakeStudio(), MakeGame(), MakeGeneric()};
+  // The prefixed family first: its keywords are the plain ones behind a colon, so on a prefixed
+  // rig it ties with the plain family and should win, while it never fills a plain rig.
+  static const std::vector<Preset> presets = {MakeGame(), MakeCmu(), MakeStudio(), MakeGeneric()};
   return presets;
 }
 

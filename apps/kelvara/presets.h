@@ -62,11 +62,11 @@ struct Preset
   PartKeywords parts[kBodyPartCount];
 };
 
-// The built-in presets, in the order that breaks remaining ties: cmu, studio, game, generic.
+// The built-in presets, in the order that breaks remaining ties: game, cmu, studio, generic.
 const std::vector<Preset>& GetPresets();
 // nullptr when no preset has that name.
 const Preset* FindPreset(std::string_view name);
-// "cmu, studio, game, generic".
+// "game, cmu, studio, generic".
 std::string PresetNames();
 
 } // namespace kelvara

@@ -134,7 +134,7 @@ TEST_F(RetargetTest, OntoOtherNamesAndLengthsKeepsBoneDirections)
   // carry a suffix, which the game preset does not mind.
   RetargetJob job;
   Retarget(target, job);
-  // The plain and the prefixed presets fill such a rig alike; either way the same joints.
+  EXPECT_EQ(_target.preset, "game");
   EXPECT_EQ(_target.partJoint, _source.partJoint);
   int driven = 0;
   for (std::size_t t = 0; t < target.joints.size(); ++t)
