@@ -5,34 +5,22 @@
 
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
+#include "support/poses.h"
+#include "support/recording_describer.h"
+#include "support/values.h"
 #include "telvo/characternodetransform.h"
+
+using namespace telvo;
+using kelvara_test::MakeString;
+using kelvara_test::MakeTransform;
+using kelvara_test::MakeUuid;
 
 namespace
 {
 
-using telvo::CharacterNodeTransform;
-using telvo::CharacterNodeTransformInterface;
-using telvo::Matrix;
-using telvo::Result;
-using telvo::Uuid;
-
 constexpr const char* kClassId = "net.telvo.animation.class.characternodetransform";
 constexpr const char* kIdentityText = "((1,0,0),(0,1,0),(0,0,1),(0,0,0))";
 constexpr const char* kUuidText = "0123abcd-4567-89ef-0a1b-2c3d4e5f6a7b";
-
-Uuid MakeUuid(std::string_view text = kUuidText)
-{
-  Result<Uuid> r = Uuid::FromString(text);
-  EXPECT_TRUE(r.IsOk());
-  return std::move(r).GetValue();
-}
-
-telvo::String MakeString(std::string_view text)
-{
-  Result<telvo::String> r = telvo::String::Create(text);
-  EXPECT_TRUE(r.IsOk());
-  return std::move(r).GetValue();
-}
 
 Matrix Translation(double x, double y, double z)
 {
@@ -52,33 +40,31 @@ Matrix Distinct(double base)
   return m;
 }
 
-CharacterNodeTransform NewByClassId()
-{
-  kelvara_test::LoadedModuleForTests();
-  Result<CharacterNodeTransform> r = telvo::CreateObject<CharacterNodeTransform>(kClassId);
-  EXPECT_TRUE(r.IsOk());
-  return std::move(r).GetValue();
-}
-
 CharacterNodeTransform Create(const Uuid& uuid, const Matrix& global, const Matrix& parent)
 {
   kelvara_test::LoadedModuleForTests();
-  Result<CharacterNodeTransform> r = CharacterNodeTransformInterface::CreateNodeTransform(uuid, global, parent);
-  EXPECT_TRUE(r.IsOk());
-  return std::move(r).GetValue();
+  return MakeTransform(uuid, global, parent);
 }
 
-std::string Text(const CharacterNodeTransform& t, const telvo::FormatStatement* fs = nullptr)
+std::string Text(const CharacterNodeTransform& t, const FormatStatement* fs = nullptr)
 {
   return std::string(t->ToString(fs).View());
 }
 
-std::string Expected(std::string_view id, std::string_view name, std::string_view global, std::string_view parent,
-                     std::string_view pre)
+std::vector<std::string> Pieces(std::string_view id, std::string_view name, std::string_view global,
+                                std::string_view parent, std::string_view pre)
 {
-  return "Object ID : " + std::string(id) + "\nObject Name : " + std::string(name) + "\nGlobal Matrix :\n" +
-         std::string(global) + "\nParent Global Matrix :\n" + std::string(parent) + "\nPre-Multiply Matrix :\n" +
-         std::string(pre) + "\n";
+  return {"Object ID : " + std::string(id) + "\n", "Object Name : " + std::string(name) + "\n",
+          "Global Matrix :\n" + std::string(global) + "\n", "Parent Global Matrix :\n" + std::string(parent) + "\n",
+          "Pre-Multiply Matrix :\n" + std::string(pre) + "\n"};
+}
+
+std::string Joined(const std::vector<std::string>& pieces)
+{
+  std::string whole;
+  for (const std::string& piece : pieces)
+    whole += piece;
+  return whole;
 }
 
 // True when text is some of pieces, in their order, each whole: what ToString leaves when pieces
@@ -88,93 +74,39 @@ bool IsMadeOfPieces(std::string_view text, const std::vector<std::string>& piece
   if (text.empty())
     return true;
   for (size_t k = from; k < pieces.size(); ++k)
-    if (!pieces[k].empty() && text.starts_with(pieces[k]) &&
-        IsMadeOfPieces(text.substr(pieces[k].size()), pieces, k + 1))
+    if (!pieces[k].empty() && text.starts_with(pieces[k]) && IsMadeOfPieces(text.substr(pieces[k].size()), pieces, k + 1))
       return true;
   return false;
 }
 
-struct Declaration
+TEST(CharacterNodeTransformText, EachFieldUnderItsLabelWithTheFormatReachingEveryValue)
 {
-  std::string component;
-  std::string key;
-  std::string type;
-  telvo::UInt flags;
-  telvo::MemberAccess access;
-};
+  kelvara_test::LoadedModuleForTests();
+  EXPECT_EQ(Text(kelvara_test::Value(CreateObject<CharacterNodeTransform>(kClassId))),
+            Joined(Pieces("00000000-0000-0000-0000-000000000000", "", kIdentityText, kIdentityText, kIdentityText)));
 
-// Records every declaration; fails the failAt-th one (1-based) when failAt > 0.
-class RecordingDescriber : public telvo::DataDescriber
-{
-public:
-  explicit RecordingDescriber(int failAt = 0) : _failAt(failAt) {}
-  void EnterComponent(const telvo::ComponentInfo& component) override { _component = component.implementationName; }
-  Result<void> DeclareMember(const char* key, const telvo::DataType& type, telvo::UInt flags,
-                             telvo::MemberAccess access) override
-  {
-    declarations.push_back({_component, key, type.name, flags, access});
-    if (static_cast<int>(declarations.size()) == _failAt)
-      return failure;
-    return telvo::OK();
-  }
-
-  std::vector<Declaration> declarations;
-  telvo::Error failure = telvo::NullReturnError(0);
-
-private:
-  int _failAt;
-  std::string _component;
-};
-
-TEST(CharacterNodeTransformText, NewTransformPrintsEmptyIdentityAndThreeIdentities)
-{
-  EXPECT_EQ(Text(NewByClassId()),
-            Expected("00000000-0000-0000-0000-000000000000", "", kIdentityText, kIdentityText, kIdentityText));
-}
-
-TEST(CharacterNodeTransformText, EachMatrixUnderItsLabelWithTheOffsetLast)
-{
-  CharacterNodeTransform t = Create(MakeUuid(), Translation(1, 2, 3), Distinct(0));
+  CharacterNodeTransform t = Create(MakeUuid(kUuidText), Translation(1, 2, 3), Distinct(0));
   CharacterNodeTransformInterface* w = t.MakeWritable().GetValue();
   ASSERT_TRUE(w->SetName(MakeString("LeftArm")).IsOk());
   w->SetPreMultiplyMatrix(Translation(-0.5, 0, 1e20));
-  EXPECT_EQ(Text(t), Expected(kUuidText, "LeftArm", "((1,0,0),(0,1,0),(0,0,1),(1,2,3))",
-                              "((4,5,6),(7,8,9),(10,11,12),(1,2,3))", "((1,0,0),(0,1,0),(0,0,1),(-0.5,0,1e+20))"));
-  // The object's generic text is the same replacement.
-  const telvo::ObjectInterface* object = t.GetPointer();
-  EXPECT_EQ(std::string(object->ToString().View()), Text(t));
-}
+  EXPECT_EQ(Text(t), Joined(Pieces(kUuidText, "LeftArm", "((1,0,0),(0,1,0),(0,0,1),(1,2,3))",
+                                   "((4,5,6),(7,8,9),(10,11,12),(1,2,3))", "((1,0,0),(0,1,0),(0,0,1),(-0.5,0,1e+20))")));
+  EXPECT_EQ(std::string(static_cast<const ObjectInterface*>(t.GetPointer())->ToString().View()), Text(t));
 
-TEST(CharacterNodeTransformText, FormatStatementReachesTheIdAndEveryMatrix)
-{
-  CharacterNodeTransform t = Create(MakeUuid(), Translation(1, 2, 3), Matrix());
-  t.MakeWritable().GetValue()->SetPreMultiplyMatrix(Translation(0.126, 0, 0));
-  telvo::FormatStatement fs;
+  w->SetGlobalMatrix(Matrix());
+  w->SetPreMultiplyMatrix(Translation(0.126, 0, 0));
+  FormatStatement fs;
   fs.precision = 2;
   fs.upperCaseHex = true;
-  EXPECT_EQ(Text(t, &fs), Expected("0123ABCD-4567-89EF-0A1B-2C3D4E5F6A7B", "",
-                                   "((1.00,0.00,0.00),(0.00,1.00,0.00),(0.00,0.00,1.00),(1.00,2.00,3.00))",
-                                   "((1.00,0.00,0.00),(0.00,1.00,0.00),(0.00,0.00,1.00),(0.00,0.00,0.00))",
-                                   "((1.00,0.00,0.00),(0.00,1.00,0.00),(0.00,0.00,1.00),(0.13,0.00,0.00))"));
+  EXPECT_EQ(Text(t, &fs), Joined(Pieces("0123ABCD-4567-89EF-0A1B-2C3D4E5F6A7B", "LeftArm",
+                                        "((1.00,0.00,0.00),(0.00,1.00,0.00),(0.00,0.00,1.00),(0.00,0.00,0.00))",
+                                        "((4.00,5.00,6.00),(7.00,8.00,9.00),(10.00,11.00,12.00),(1.00,2.00,3.00))",
+                                        "((1.00,0.00,0.00),(0.00,1.00,0.00),(0.00,0.00,1.00),(0.13,0.00,0.00))")));
 }
 
-TEST(CharacterNodeTransformMatrices, SettersStoreEachMatrixInItsOwnField)
+TEST(CharacterNodeTransformFields, FactorySetsIdAndTwoMatricesAndSettersTheirOwnField)
 {
-  CharacterNodeTransform t = NewByClassId();
-  CharacterNodeTransformInterface* w = t.MakeWritable().GetValue();
-  w->SetGlobalMatrix(Distinct(0));
-  w->SetParentGlobalMatrix(Distinct(100));
-  w->SetPreMultiplyMatrix(Distinct(200));
-  EXPECT_EQ(t->GetGlobalMatrix(), Distinct(0));
-  EXPECT_EQ(t->GetParentGlobalMatrix(), Distinct(100));
-  EXPECT_EQ(t->GetPreMultiplyMatrix(), Distinct(200));
-  // The getters hand out the stored value, not a copy.
-  EXPECT_EQ(&t->GetGlobalMatrix(), &t->GetGlobalMatrix());
-}
-
-TEST(CharacterNodeTransformFactory, SetsIdAndTwoMatricesOnly)
-{
-  Uuid uuid = MakeUuid();
+  Uuid uuid = MakeUuid(kUuidText);
   CharacterNodeTransform t = Create(uuid, Distinct(0), Distinct(100));
   EXPECT_TRUE(t->GetUuid().IsSameObject(uuid)) << "the id is shared, not copied";
   EXPECT_EQ(uuid.GetReferenceCount(), 2);
@@ -183,41 +115,45 @@ TEST(CharacterNodeTransformFactory, SetsIdAndTwoMatricesOnly)
   EXPECT_EQ(t->GetPreMultiplyMatrix(), Matrix());
   EXPECT_TRUE(t->GetName().IsEmpty());
   EXPECT_EQ(t.GetPointer()->GetReferenceCount(), 1);
+
+  CharacterNodeTransformInterface* w = t.MakeWritable().GetValue();
+  w->SetGlobalMatrix(Distinct(300));
+  w->SetParentGlobalMatrix(Distinct(400));
+  w->SetPreMultiplyMatrix(Distinct(500));
+  EXPECT_EQ(t->GetGlobalMatrix(), Distinct(300));
+  EXPECT_EQ(t->GetParentGlobalMatrix(), Distinct(400));
+  EXPECT_EQ(t->GetPreMultiplyMatrix(), Distinct(500));
+  EXPECT_EQ(&t->GetGlobalMatrix(), &t->GetGlobalMatrix()) << "the stored value, not a copy";
 }
 
-TEST(CharacterNodeTransformFactory, HiddenClassGivesTheReasonZeroErrorAndCreatesNothing)
+TEST(CharacterNodeTransformFields, HiddenClassGivesTheReasonZeroErrorAndCreatesNothing)
 {
   kelvara_test::LoadedModuleForTests();
   using CreateFn = decltype(CharacterNodeTransformInterface::CreateNodeTransform);
-  const telvo::ImplementationInfo* implementation =
-    telvo::Registry::Get().FindImplementation("CharacterNodeTransformImpl");
+  const ImplementationInfo* implementation = Registry::Get().FindImplementation("CharacterNodeTransformImpl");
   ASSERT_NE(implementation, nullptr);
-  Uuid uuid = MakeUuid();
-  const telvo::Int liveBefore = telvo::Allocator::GetLiveCount();
+  Uuid uuid = MakeUuid(kUuidText);
+  const Int liveBefore = Allocator::GetLiveCount();
 
-  telvo::Registry::Get().SetClassHidden(kClassId, true);
-  // Through the interface (the implementation is hidden with its class) and through the module's
-  // own factory (which resolves the class itself).
+  // Through the interface and through the module's own factory, which resolves the class itself.
+  Registry::Get().SetClassHidden(kClassId, true);
   Result<CharacterNodeTransform> viaInterface = CharacterNodeTransformInterface::CreateNodeTransform(uuid, Matrix(), Matrix());
-  Result<CharacterNodeTransform> viaFactory =
-    reinterpret_cast<CreateFn*>(implementation->createEntry)(uuid, Matrix(), Matrix());
-  telvo::Registry::Get().SetClassHidden(kClassId, false);
+  Result<CharacterNodeTransform> viaFactory = reinterpret_cast<CreateFn*>(implementation->createEntry)(uuid, Matrix(), Matrix());
+  Registry::Get().SetClassHidden(kClassId, false);
 
   for (const Result<CharacterNodeTransform>* r : {&viaInterface, &viaFactory})
   {
     ASSERT_TRUE(r->IsError());
-    EXPECT_TRUE(r->GetError() == telvo::NullReturnError(0));
-    EXPECT_TRUE(r->GetError() == telvo::NullReturnError(1)) << "both reasons are one error object";
+    EXPECT_TRUE(r->GetError() == NullReturnError(0));
   }
-  EXPECT_EQ(telvo::Allocator::GetLiveCount(), liveBefore);
+  EXPECT_EQ(Allocator::GetLiveCount(), liveBefore);
   EXPECT_EQ(uuid.GetReferenceCount(), 1);
-  EXPECT_TRUE(CharacterNodeTransformInterface::CreateNodeTransform(uuid, Matrix(), Matrix()).IsOk())
-    << "the class is available again";
+  EXPECT_TRUE(CharacterNodeTransformInterface::CreateNodeTransform(uuid, Matrix(), Matrix()).IsOk());
 }
 
 TEST(CharacterNodeTransformCopy, CopySharesIdAndNameAndLeavesTheSourceAlone)
 {
-  Uuid uuid = MakeUuid();
+  Uuid uuid = MakeUuid(kUuidText);
   CharacterNodeTransform source = Create(uuid, Distinct(0), Distinct(100));
   ASSERT_TRUE(source.MakeWritable().GetValue()->SetName(MakeString("Hips")).IsOk());
   source.MakeWritable().GetValue()->SetPreMultiplyMatrix(Distinct(200));
@@ -235,130 +171,86 @@ TEST(CharacterNodeTransformCopy, CopySharesIdAndNameAndLeavesTheSourceAlone)
   w->SetGlobalMatrix(Translation(7, 8, 9));
   ASSERT_TRUE(w->SetUuid(MakeUuid("ffffffff-0000-0000-0000-000000000001")).IsOk());
   EXPECT_EQ(Text(source), sourceText);
-  EXPECT_EQ(source->GetGlobalMatrix(), Distinct(0));
 }
 
-TEST(CharacterNodeTransformDescribe, OwnMembersAfterTheNodeInfoMembers)
+TEST(CharacterNodeTransformDescribe, OwnMembersAfterTheNodeInfoMembersAndTheFirstErrorStops)
 {
+  using kelvara_test::DeclaredMember;
   kelvara_test::LoadedModuleForTests();
-  RecordingDescriber own;
+  kelvara_test::RecordingDescriber own;
   ASSERT_TRUE(CharacterNodeTransformInterface::DescribeIO(own).IsOk());
-  ASSERT_EQ(own.declarations.size(), 3u);
-  const char* keys[] = {"_globalMat", "_parentGlobalMat", "_preMultiplyMat"};
-  for (size_t i = 0; i < 3; ++i)
-  {
-    EXPECT_EQ(own.declarations[i].key, keys[i]);
-    EXPECT_EQ(own.declarations[i].type, "Matrix");
-    EXPECT_EQ(own.declarations[i].flags, telvo::DESCRIBEFLAGS_NONE);
-  }
+  EXPECT_EQ(own.members, (std::vector<DeclaredMember>{{"_globalMat", "Matrix", DESCRIBEFLAGS_NONE, true},
+                                                      {"_parentGlobalMat", "Matrix", DESCRIBEFLAGS_NONE, true},
+                                                      {"_preMultiplyMat", "Matrix", DESCRIBEFLAGS_NONE, true}}));
 
   // The whole class: node info's members first, each accessor reaching its member.
-  CharacterNodeTransform t = NewByClassId();
-  RecordingDescriber all;
-  ASSERT_TRUE(telvo::DescribeClass(*t.GetPointer()->GetClass(), all).IsOk());
-  std::vector<std::string> order;
-  for (const Declaration& d : all.declarations)
-    order.push_back(d.component + "." + d.key);
-  EXPECT_EQ(order, (std::vector<std::string>{"CharacterNodeInfoImpl._objectID", "CharacterNodeInfoImpl._objectName",
-                                             "CharacterNodeTransformImpl._globalMat",
-                                             "CharacterNodeTransformImpl._parentGlobalMat",
-                                             "CharacterNodeTransformImpl._preMultiplyMat"}));
-  const void* reached[5];
+  CharacterNodeTransform t = Create(Uuid(), Matrix(), Matrix());
+  kelvara_test::RecordingDescriber all;
+  ASSERT_TRUE(DescribeClass(*t.GetPointer()->GetClass(), all).IsOk());
+  EXPECT_EQ(all.components, (std::vector<std::string>{"CharacterNodeInfoImpl", "CharacterNodeInfoImpl",
+                                                      "CharacterNodeTransformImpl", "CharacterNodeTransformImpl",
+                                                      "CharacterNodeTransformImpl"}));
+  const void* expected[] = {&t->GetUuid(), &t->GetName(), &t->GetGlobalMatrix(), &t->GetParentGlobalMatrix(),
+                            &t->GetPreMultiplyMatrix()};
+  ASSERT_EQ(all.accesses.size(), 5u);
   for (size_t i = 0; i < 5; ++i)
-    reached[i] = all.declarations[i].access(t.GetPointer()->FindComponent(all.declarations[i].component.c_str()));
-  EXPECT_EQ(reached[0], &t->GetUuid());
-  EXPECT_EQ(reached[1], &t->GetName());
-  EXPECT_EQ(reached[2], &t->GetGlobalMatrix());
-  EXPECT_EQ(reached[3], &t->GetParentGlobalMatrix());
-  EXPECT_EQ(reached[4], &t->GetPreMultiplyMatrix());
-}
+    EXPECT_EQ(all.accesses[i](t.GetPointer()->FindComponent(all.components[i].c_str())), expected[i]) << i;
 
-TEST(CharacterNodeTransformDescribe, FirstDescriberErrorStopsTheDescription)
-{
-  kelvara_test::LoadedModuleForTests();
-  RecordingDescriber describer(2);
-  Result<void> r = CharacterNodeTransformInterface::DescribeIO(describer);
+  kelvara_test::RecordingDescriber refusing(2);
+  Result<void> r = CharacterNodeTransformInterface::DescribeIO(refusing);
   ASSERT_TRUE(r.IsError());
-  EXPECT_TRUE(r.GetError() == describer.failure);
-  EXPECT_EQ(describer.declarations.size(), 2u);
+  EXPECT_TRUE(r.GetError() == refusing.failure);
+  EXPECT_EQ(refusing.calls, 2);
 }
 
-// --- out of memory: every operation that can allocate ---
-
-struct SharedPair
-{
-  CharacterNodeTransform source;
-  CharacterNodeTransform copy; // shares source's object until made writable
-};
-
-SharedPair MakeSharedPair()
-{
-  SharedPair pair;
-  pair.source = Create(MakeUuid(), Distinct(0), Distinct(100));
-  (void)pair.source.MakeWritable().GetValue()->SetName(MakeString("Spine"));
-  pair.copy = pair.source;
-  return pair;
-}
-
-// What the holders see. Whether the copy still shares the source's object is left out: a failure
-// after the private copy was made leaves the copy with equal contents in an object of its own.
-std::string Snapshot(const SharedPair& pair)
-{
-  return Text(pair.source) + "|" + Text(pair.copy);
-}
-
-TEST(CharacterNodeTransformOutOfMemory, FactoryFailsWholeAndLeaksNothing)
-{
-  Uuid uuid = MakeUuid();
-  int failingRuns = kelvara_test::SweepOutOfMemory(
-    [] { return 0; },
-    [&](int&) { return CharacterNodeTransformInterface::CreateNodeTransform(uuid, Distinct(0), Distinct(100)); },
-    [&](const int&) { return std::to_string(uuid.GetReferenceCount()); });
-  EXPECT_EQ(failingRuns, 2) << "the instance, then the id made writable by SetUuid";
-}
-
-TEST(CharacterNodeTransformOutOfMemory, CreatingByClassId)
+TEST(CharacterNodeTransformOutOfMemory, CreatingFailsWholeAndLeaksNothing)
 {
   kelvara_test::LoadedModuleForTests();
-  int failingRuns = kelvara_test::SweepOutOfMemory(
-    [] { return 0; }, [](int&) { return telvo::CreateObject<CharacterNodeTransform>(kClassId); },
-    [](const int&) { return std::string(); });
-  EXPECT_EQ(failingRuns, 1);
+  Uuid uuid = MakeUuid(kUuidText);
+  EXPECT_EQ(kelvara_test::SweepOutOfMemory(
+              [] { return 0; },
+              [&](int&) { return CharacterNodeTransformInterface::CreateNodeTransform(uuid, Distinct(0), Distinct(100)); },
+              [&](const int&) { return std::to_string(uuid.GetReferenceCount()); }),
+            2)
+    << "the instance, then the id made writable by SetUuid";
+  EXPECT_EQ(kelvara_test::SweepOutOfMemory(
+              [] { return 0; }, [](int&) { return CreateObject<CharacterNodeTransform>(kClassId); },
+              [](const int&) { return std::string(); }),
+            1);
 }
 
 TEST(CharacterNodeTransformOutOfMemory, SettersOnASharedTransformLeaveBothHoldersAsTheyWere)
 {
   Uuid other = MakeUuid("ffffffff-0000-0000-0000-000000000001");
-  telvo::String name = MakeString("Chest");
-  using Setter = Result<void> (*)(CharacterNodeTransformInterface*, const Uuid&, const telvo::String&);
+  String name = MakeString("Chest");
+  using Setter = Result<void> (*)(CharacterNodeTransformInterface*, const Uuid&, const String&);
   const Setter setters[] = {
-    [](CharacterNodeTransformInterface* w, const Uuid& u, const telvo::String&) { return w->SetUuid(u); },
-    [](CharacterNodeTransformInterface* w, const Uuid&, const telvo::String& n) { return w->SetName(n); },
-    [](CharacterNodeTransformInterface* w, const Uuid&, const telvo::String&) {
+    [](CharacterNodeTransformInterface* w, const Uuid& u, const String&) { return w->SetUuid(u); },
+    [](CharacterNodeTransformInterface* w, const Uuid&, const String& n) { return w->SetName(n); },
+    [](CharacterNodeTransformInterface* w, const Uuid&, const String&) {
       w->SetGlobalMatrix(Translation(1, 1, 1));
-      return telvo::OK();
-    },
-    [](CharacterNodeTransformInterface* w, const Uuid&, const telvo::String&) {
       w->SetParentGlobalMatrix(Translation(1, 1, 1));
-      return telvo::OK();
-    },
-    [](CharacterNodeTransformInterface* w, const Uuid&, const telvo::String&) {
       w->SetPreMultiplyMatrix(Translation(1, 1, 1));
-      return telvo::OK();
+      return OK();
     },
+  };
+  // The copy shares the source's object until made writable. Whether it still shares after a
+  // failure is left out: a failure after the private copy leaves equal contents in its own object.
+  auto setup = [] {
+    CharacterNodeTransform source = Create(MakeUuid(kUuidText), Distinct(0), Distinct(100));
+    (void)source.MakeWritable().GetValue()->SetName(MakeString("Spine"));
+    return std::pair{source, source};
   };
   for (size_t i = 0; i < std::size(setters); ++i)
   {
     SCOPED_TRACE("setter " + std::to_string(i));
     int failingRuns = kelvara_test::SweepOutOfMemory(
-      MakeSharedPair,
-      [&](SharedPair& pair) -> Result<void> {
-        Result<CharacterNodeTransformInterface*> w = pair.copy.MakeWritable();
-        if (w.IsError())
-          return w.GetError();
-        return setters[i](w.GetValue(), other, name);
+      setup,
+      [&](auto& pair) -> Result<void> {
+        TELVO_TRY_ASSIGN(CharacterNodeTransformInterface * w, pair.second.MakeWritable());
+        return setters[i](w, other, name);
       },
-      Snapshot);
+      [](const auto& pair) { return Text(pair.first) + "|" + Text(pair.second); });
     // Copying the instance allocates once; SetUuid also makes the copy's own id writable.
     EXPECT_EQ(failingRuns, i == 0 ? 2 : 1);
   }
@@ -366,20 +258,15 @@ TEST(CharacterNodeTransformOutOfMemory, SettersOnASharedTransformLeaveBothHolder
 
 TEST(CharacterNodeTransformOutOfMemory, TextDropsWholePiecesOnly)
 {
-  CharacterNodeTransform t = Create(MakeUuid(), Translation(1, 2, 3), Distinct(0));
+  CharacterNodeTransform t = Create(MakeUuid(kUuidText), Translation(1, 2, 3), Distinct(0));
   (void)t.MakeWritable().GetValue()->SetName(MakeString("Neck"));
-  const std::vector<std::string> pieces = {std::string("Object ID : ") + kUuidText + "\n", "Object Name : Neck\n",
-                                           "Global Matrix :\n((1,0,0),(0,1,0),(0,0,1),(1,2,3))\n",
-                                           "Parent Global Matrix :\n((4,5,6),(7,8,9),(10,11,12),(1,2,3))\n",
-                                           std::string("Pre-Multiply Matrix :\n") + kIdentityText + "\n"};
-  std::string whole;
-  for (const std::string& piece : pieces)
-    whole += piece;
+  const std::vector<std::string> pieces = Pieces(kUuidText, "Neck", "((1,0,0),(0,1,0),(0,0,1),(1,2,3))",
+                                                 "((4,5,6),(7,8,9),(10,11,12),(1,2,3))", kIdentityText);
   int failingRuns = kelvara_test::SweepAllocationFailures(
-    [&] { return 0; }, [&](int&) { return std::string(t->ToString().View()); },
+    [&] { return 0; }, [&](int&) { return Text(t); },
     [&](int&, const std::string& text, bool failed) {
       if (!failed)
-        EXPECT_EQ(text, whole);
+        EXPECT_EQ(text, Joined(pieces));
       else
         EXPECT_TRUE(IsMadeOfPieces(text, pieces)) << text;
     });

@@ -1,4 +1,4 @@
-// A describer that records every member declaration, for tests of DescribeIO.
+// A describer that records every member declaration, for tests of DescribeIO and DescribeClass.
 #pragma once
 
 #include <string>
@@ -19,17 +19,41 @@ struct DeclaredMember
   friend bool operator==(const DeclaredMember&, const DeclaredMember&) = default;
 };
 
+// Records each accepted declaration with its component and accessor. The failAt-th declaration
+// (from 1; 0: none) is refused with `failure` and not recorded.
 class RecordingDescriber : public telvo::DataDescriber
 {
 public:
+  explicit RecordingDescriber(int failAt = 0) : failAt(failAt) {}
+
+  void EnterComponent(const telvo::ComponentInfo& component) override { _component = component.implementationName; }
+
   telvo::Result<void> DeclareMember(const char* key, const telvo::DataType& type, telvo::UInt flags,
                                     telvo::MemberAccess access) override
   {
+    if (++calls == failAt)
+      return failure;
     members.push_back(DeclaredMember{key, type.name, flags, access != nullptr});
+    components.push_back(_component);
+    accesses.push_back(access);
     return telvo::OK();
   }
 
   std::vector<DeclaredMember> members;
+  std::vector<std::string> components;
+  std::vector<telvo::MemberAccess> accesses;
+  int failAt;
+  int calls = 0;
+  telvo::Error failure = RefusalError();
+
+private:
+  static telvo::Error RefusalError()
+  {
+    constexpr const char* kUnitName = "recording_describer";
+    return TELVO_ERROR(telvo::UnexpectedError, "describer refused");
+  }
+
+  std::string _component;
 };
 
 } // namespace kelvara_test
