@@ -1,5 +1,7 @@
 #include "bvh.h"
 
+#include "atomic_file.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -573,23 +575,6 @@ void WriteVector(Writer& w, const telvo::Vector& v)
   w.Number(v.z);
 }
 
-bool WriteAll(int fd, const char* data, std::size_t size)
-{
-  while (size > 0)
-  {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0)
-    {
-      if (errno == EINTR)
-        continue;
-      return false;
-    }
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 } // namespace
 
 const char* ChannelName(Channel channel)
@@ -809,62 +794,13 @@ bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error
 
 bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error)
 {
-  const std::string prefix = "cannot write '" + path + "': ";
   std::string text;
   if (!WriteBvhToString(file, text, error))
   {
-    error = prefix + error;
+    error = "cannot write '" + path + "': " + error;
     return false;
   }
-  const std::size_t slash = path.rfind('/');
-  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  if (base.empty() || base == "." || base == "..")
-  {
-    error = prefix + "not a file name";
-    return false;
-  }
-  // Beside the target so that the final rename stays within one file system.
-  const std::string temp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + "." + base +
-                           ".tmp-" + std::to_string(::getpid());
-  int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  if (fd < 0 && errno == EEXIST)
-  {
-    // A leftover of an earlier run of this same process id: ours to replace.
-    ::unlink(temp.c_str());
-    fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  }
-  if (fd < 0)
-  {
-    error = prefix + "cannot create a file in '" + dir + "': " + std::strerror(errno);
-    return false;
-  }
-  auto abandon = [&](const char* what) {
-    const int saved = errno;
-    if (fd >= 0)
-      ::close(fd);
-    ::unlink(temp.c_str());
-    error = prefix + what + std::strerror(saved);
-    return false;
-  };
-  if (!WriteAll(fd, text.data(), text.size()))
-    return abandon("");
-  if (::fsync(fd) != 0)
-    return abandon("");
-  const int closed = ::close(fd);
-  fd = -1;
-  if (closed != 0)
-    return abandon("");
-  if (::rename(temp.c_str(), path.c_str()) != 0)
-    return abandon("");
-  // Make the rename itself durable; failing here does not undo a complete, renamed file.
-  int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd >= 0)
-  {
-    ::fsync(dirFd);
-    ::close(dirFd);
-  }
-  return true;
+  return WriteFileAtomically(path, text, error);
 }
 
 } // namespace kelvara

@@ -1,5 +1,7 @@
 #include "preview.h"
 
+#include "atomic_file.h"
+
 #include <cairo.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -263,80 +265,23 @@ bool MapJoints(const std::vector<std::pair<int, int>>& pairs, Figure& source, Fi
   return true;
 }
 
-struct PngSink
+// Cairo hands the encoded PNG over in pieces; they are gathered in memory and written at once.
+cairo_status_t AppendToString(void* closure, const unsigned char* data, unsigned int length)
 {
-  int fd = -1;
-  int error = 0;
-};
-
-cairo_status_t WriteToFd(void* closure, const unsigned char* data, unsigned int length)
-{
-  PngSink* sink = static_cast<PngSink*>(closure);
-  while (length > 0)
-  {
-    const ssize_t n = ::write(sink->fd, data, length);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-    {
-      sink->error = n < 0 ? errno : EIO;
-      return CAIRO_STATUS_WRITE_ERROR;
-    }
-    data += n;
-    length -= static_cast<unsigned int>(n);
-  }
+  static_cast<std::string*>(closure)->append(reinterpret_cast<const char*>(data), length);
   return CAIRO_STATUS_SUCCESS;
 }
 
 bool WritePngAtomically(cairo_surface_t* surface, const std::string& path, std::string& error)
 {
-  const std::string prefix = "cannot write '" + path + "': ";
-  const std::size_t slash = path.rfind('/');
-  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  if (base.empty() || base == "." || base == "..")
-  {
-    error = prefix + "not a file name";
-    return false;
-  }
-  // Beside the target so that the rename stays within one file system; the counter keeps
-  // threads of one batch apart.
-  static std::atomic<unsigned> counter{0};
-  const std::string temp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + "." + base +
-                           ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-  PngSink sink;
-  sink.fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (sink.fd < 0)
-  {
-    error = prefix + "cannot create a file in '" + dir + "': " + std::strerror(errno);
-    return false;
-  }
-  auto abandon = [&](const std::string& why) {
-    if (sink.fd >= 0)
-      ::close(sink.fd);
-    ::unlink(temp.c_str());
-    error = prefix + why;
-    return false;
-  };
-  const cairo_status_t status = cairo_surface_write_to_png_stream(surface, WriteToFd, &sink);
+  std::string png;
+  const cairo_status_t status = cairo_surface_write_to_png_stream(surface, AppendToString, &png);
   if (status != CAIRO_STATUS_SUCCESS)
-    return abandon(sink.error != 0 ? std::strerror(sink.error) : cairo_status_to_string(status));
-  if (::fsync(sink.fd) != 0)
-    return abandon(std::strerror(errno));
-  const int closed = ::close(sink.fd);
-  sink.fd = -1;
-  if (closed != 0)
-    return abandon(std::strerror(errno));
-  if (::rename(temp.c_str(), path.c_str()) != 0)
-    return abandon(std::strerror(errno));
-  // Make the rename durable; failing here does not undo a complete, renamed file.
-  const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd >= 0)
   {
-    ::fsync(dirFd);
-    ::close(dirFd);
+    error = "cannot write '" + path + "': " + cairo_status_to_string(status);
+    return false;
   }
-  return true;
+  return WriteFileAtomically(path, png, error);
 }
 
 PreviewColour FromHsv(double h, double s, double v)

@@ -1,0 +1,15 @@
+// Writing a file so that a reader never sees a partial one: the content goes to a temporary file
+// beside the target, is synced, and is renamed over the target only when complete.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kelvara
+{
+
+// On failure nothing is left behind, any existing file at path is untouched, and error reads
+// "cannot write 'PATH': why". Safe to call from several threads at once.
+bool WriteFileAtomically(const std::string& path, std::string_view content, std::string& error);
+
+} // namespace kelvara
