@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "support/oom_sweep.h"
 #include "telvo/registrybase.h"
@@ -76,11 +77,6 @@ NodeRef MakeNode(Int label)
   return node;
 }
 
-void Insert(const NodeRef& parent, const NodeRef& child)
-{
-  ASSERT_TRUE(parent->InsertChildLast(child).IsOk());
-}
-
 Int LabelOf(const ObjectInterface* object)
 {
   const auto* node = QueryInterface<LabelledNodeInterface>(object);
@@ -116,98 +112,73 @@ struct Tree
   NodeRef n[8];
   Tree()
   {
+    const Int parents[8] = {0, 0, 1, 1, 2, 2, 3, 4};
     for (Int i = 1; i < 8; ++i)
+    {
       n[i] = MakeNode(i);
-    Insert(n[1], n[2]);
-    Insert(n[1], n[3]);
-    Insert(n[2], n[4]);
-    Insert(n[2], n[5]);
-    Insert(n[3], n[6]);
-    Insert(n[4], n[7]);
+      if (parents[i] != 0)
+        EXPECT_TRUE(n[parents[i]]->InsertChildLast(n[i]).IsOk());
+    }
   }
 };
 
-std::string Labels(const NodeRef& root)
-{
-  std::string labels;
-  EXPECT_TRUE(WalkHierarchy(root.GetPointer(), [&](const ObjectInterface* node, const ObjectInterface*, Int depth) {
-                labels += std::to_string(LabelOf(node)) + "@" + std::to_string(depth) + " ";
-                return Result<WalkAnswer>(WalkAnswer::Continue);
-              }).IsOk());
-  return labels;
-}
+std::string Walk(const NodeRef& start) { return Walk(start.GetPointer()); }
+ObjectInterface* Object(const NodeRef& node) { return node.GetPointer(); }
 
-TEST(HierarchyWalkTest, VisitsParentsBeforeChildrenAndEachSubtreeBeforeTheNextSibling)
-{
-  Tree t;
-  EXPECT_EQ(Walk(t.n[1].GetPointer()), "1@0<-1 2@1<1 4@2<2 7@3<4 5@2<2 3@1<1 6@2<3 ");
-  // A walk from an inner node stays below it, and hands the start its real parent.
-  EXPECT_EQ(Walk(t.n[2].GetPointer()), "2@0<1 4@1<2 7@2<4 5@1<2 ");
-  EXPECT_EQ(Walk(t.n[7].GetPointer()), "7@0<4 ");
-}
-
-TEST(HierarchyWalkTest, StopEndsTheWholeWalkAndSkipLeavesOneSubtreeOut)
-{
-  Tree t;
-  // Stopping deep inside the first branch visits nothing of the second.
-  EXPECT_EQ(Walk(t.n[1].GetPointer(), 7), "1@0<-1 2@1<1 4@2<2 7@3<4 ");
-  EXPECT_EQ(Walk(t.n[1].GetPointer(), 1), "1@0<-1 ");
-  EXPECT_EQ(Walk(t.n[1].GetPointer(), 0, 2), "1@0<-1 2@1<1 3@1<1 6@2<3 ");
-  EXPECT_EQ(Walk(t.n[1].GetPointer(), 0, 1), "1@0<-1 ");
-}
-
-TEST(HierarchyWalkTest, FirstErrorEndsTheWalkAndIsReturned)
+TEST(HierarchyWalkTest, ParentsBeforeChildrenAndEachSubtreeBeforeTheNextSibling)
 {
   Tree t;
   Result<void> outcome;
-  EXPECT_EQ(Walk(t.n[1].GetPointer(), 0, 0, 4, &outcome), "1@0<-1 2@1<1 4@2<2 ");
-  ASSERT_TRUE(outcome.IsError());
+  // {start, stop at, skip below, fail at, trace}
+  const std::tuple<Int, Int, Int, Int, const char*> cases[] = {
+    {1, 0, 0, 0, "1@0<-1 2@1<1 4@2<2 7@3<4 5@2<2 3@1<1 6@2<3 "},
+    // A walk from an inner node stays below it, and hands the start its real parent.
+    {2, 0, 0, 0, "2@0<1 4@1<2 7@2<4 5@1<2 "},
+    {7, 0, 0, 0, "7@0<4 "},
+    // Stopping deep inside the first branch visits nothing of the second.
+    {1, 7, 0, 0, "1@0<-1 2@1<1 4@2<2 7@3<4 "},
+    {1, 1, 0, 0, "1@0<-1 "},
+    {1, 0, 2, 0, "1@0<-1 2@1<1 3@1<1 6@2<3 "},
+    {1, 0, 1, 0, "1@0<-1 "},
+    {1, 0, 0, 4, "1@0<-1 2@1<1 4@2<2 "},
+  };
+  for (const auto& [start, stop, skip, fail, trace] : cases)
+  {
+    SCOPED_TRACE(trace);
+    EXPECT_EQ(Walk(t.n[start].GetPointer(), stop, skip, fail, &outcome), trace);
+    EXPECT_EQ(outcome.IsError(), fail != 0);
+  }
+  // The first error ends the walk and is returned as it was made.
   EXPECT_STREQ(outcome.GetError().GetMessage(), "visit failed");
   EXPECT_STREQ(outcome.GetError().GetUnit(), kUnitName);
-}
-
-TEST(HierarchyWalkTest, NullStartIsVisitedOnceWithNothingBelow)
-{
+  // A null start is visited once, with nothing below.
   EXPECT_EQ(Walk(nullptr), "-1@0<-1 ");
 }
 
-TEST(HierarchyLinksTest, InsertKeepsOrderAndParentLinks)
-{
-  NodeRef root = MakeNode(1);
-  NodeRef a = MakeNode(2);
-  NodeRef b = MakeNode(3);
-  Insert(root, a);
-  Insert(root, b);
-  ASSERT_EQ(root->GetChildren().GetCount(), 2);
-  EXPECT_EQ(root->GetChildren()[0].GetPointer(), static_cast<ObjectInterface*>(a.GetPointer()));
-  EXPECT_EQ(root->GetChildren()[1].GetPointer(), static_cast<ObjectInterface*>(b.GetPointer()));
-  EXPECT_EQ(a->GetParent(), static_cast<ObjectInterface*>(root.GetPointer()));
-  EXPECT_EQ(root->GetParent(), nullptr);
-  // The parent holds its children; a child does not hold its parent.
-  EXPECT_EQ(a->GetReferenceCount(), 2);
-  EXPECT_EQ(root->GetReferenceCount(), 1);
-}
-
-TEST(HierarchyLinksTest, RefusesACycleAndAChildThatHasAParent)
+TEST(HierarchyLinksTest, InsertKeepsOrderAndRefusesCyclesAndSecondParents)
 {
   Tree t;
-  const std::string before = Labels(t.n[1]);
+  ASSERT_EQ(t.n[2]->GetChildren().GetCount(), 2);
+  EXPECT_EQ(t.n[2]->GetChildren()[0].GetPointer(), Object(t.n[4]));
+  EXPECT_EQ(t.n[2]->GetChildren()[1].GetPointer(), Object(t.n[5]));
+  EXPECT_EQ(t.n[4]->GetParent(), Object(t.n[2]));
+  // The parent holds its children; a child does not hold its parent.
+  EXPECT_EQ(t.n[4]->GetReferenceCount(), 2);
+  EXPECT_EQ(t.n[1]->GetReferenceCount(), 1);
 
-  Result<void> again = t.n[3]->InsertChildLast(t.n[4]);
-  ASSERT_TRUE(again.IsError());
-  EXPECT_TRUE(again.GetError().IsClass(IllegalArgumentError));
-  EXPECT_STREQ(again.GetError().GetMessage(), "Illegal argument: the child already has a parent");
-
-  Result<void> cycle = t.n[7]->InsertChildLast(t.n[1]);
-  ASSERT_TRUE(cycle.IsError());
-  EXPECT_STREQ(cycle.GetError().GetMessage(), "Illegal argument: the child is an ancestor of the parent");
-  Result<void> self = t.n[1]->InsertChildLast(t.n[1]);
-  ASSERT_TRUE(self.IsError());
-  EXPECT_STREQ(self.GetError().GetMessage(), "Illegal argument: the child is an ancestor of the parent");
-
-  EXPECT_EQ(Labels(t.n[1]), before);
-  EXPECT_EQ(t.n[1]->GetParent(), nullptr);
-  EXPECT_EQ(t.n[4]->GetParent(), static_cast<ObjectInterface*>(t.n[2].GetPointer()));
+  const std::string before = Walk(t.n[1]);
+  const std::pair<Result<void>, const char*> refusals[] = {
+    {t.n[3]->InsertChildLast(t.n[4]), "Illegal argument: the child already has a parent"},
+    {t.n[7]->InsertChildLast(t.n[1]), "Illegal argument: the child is an ancestor of the parent"},
+    {t.n[1]->InsertChildLast(t.n[1]), "Illegal argument: the child is an ancestor of the parent"},
+  };
+  for (const auto& [result, message] : refusals)
+  {
+    ASSERT_TRUE(result.IsError());
+    EXPECT_TRUE(result.GetError().IsClass(IllegalArgumentError));
+    EXPECT_STREQ(result.GetError().GetMessage(), message);
+  }
+  EXPECT_EQ(Walk(t.n[1]), before);
 }
 
 TEST(HierarchyLinksTest, RemoveDetachesAndMayReleaseTheLastReference)
@@ -216,9 +187,8 @@ TEST(HierarchyLinksTest, RemoveDetachesAndMayReleaseTheLastReference)
   {
     Tree t;
     t.n[2]->Remove();
-    EXPECT_EQ(t.n[2]->GetParent(), nullptr);
-    EXPECT_EQ(Labels(t.n[1]), "1@0 3@1 6@2 ");
-    EXPECT_EQ(Labels(t.n[2]), "2@0 4@1 7@2 5@1 ");
+    EXPECT_EQ(Walk(t.n[1]), "1@0<-1 3@1<1 6@2<3 ");
+    EXPECT_EQ(Walk(t.n[2]), "2@0<-1 4@1<2 7@2<4 5@1<2 ");
     EXPECT_EQ(t.n[2]->GetReferenceCount(), 1);
     t.n[2]->Remove(); // a root has nothing to leave
 
@@ -235,42 +205,34 @@ TEST(HierarchyLinksTest, RemoveDetachesAndMayReleaseTheLastReference)
   EXPECT_EQ(Allocator::GetLiveCount(), liveBefore);
 }
 
+NodeRef AsNode(const ObjectRef& object) { return NodeRef(QueryInterface<LabelledNodeInterface>(object.GetPointer())); }
+
 TEST(HierarchyLinksTest, CloneCopiesTheWholeSubtreeWithoutTheParent)
 {
   Tree t;
-  Result<ObjectRef> clone = kNodeClass.CloneInstance(*t.n[2]);
-  ASSERT_TRUE(clone.IsOk());
-  NodeRef copy(QueryInterface<LabelledNodeInterface>(clone.GetValue().GetPointer()));
-  EXPECT_EQ(copy->GetParent(), nullptr);
-  EXPECT_EQ(Labels(copy), Labels(t.n[2]));
-
+  NodeRef copy = AsNode(kNodeClass.CloneInstance(*t.n[2]).GetValue());
+  EXPECT_EQ(Walk(copy), "2@0<-1 4@1<2 7@2<4 5@1<2 ");
   // New nodes, linked to each other and not to the source.
   const auto* first = QueryInterface<LabelledNodeInterface>(copy->GetChildren()[0].GetPointer());
   EXPECT_NE(first, t.n[4].GetPointer());
-  EXPECT_EQ(first->GetParent(), static_cast<ObjectInterface*>(copy.GetPointer()));
+  EXPECT_EQ(first->GetParent(), Object(copy));
   EXPECT_EQ(first->GetChildren()[0]->GetReferenceCount(), 1);
   EXPECT_EQ(t.n[4]->GetChildren().GetCount(), 1);
-  EXPECT_EQ(t.n[2]->GetParent(), static_cast<ObjectInterface*>(t.n[1].GetPointer()));
+  EXPECT_EQ(t.n[2]->GetParent(), Object(t.n[1]));
 }
 
 TEST(HierarchyLinksTest, CloneRunsOutOfMemoryWithoutLeaking)
 {
+  const char* whole = "1@0<-1 2@1<1 4@2<2 7@3<4 5@2<2 3@1<1 6@2<3 ";
   kelvara_test::SweepAllocationFailures(
-    [] { return Tree(); },
-    [](Tree& t) { return kNodeClass.CloneInstance(*t.n[1]); },
-    [](Tree& t, const Result<ObjectRef>& clone, bool failed) {
+    [] { return Tree(); }, [](Tree& t) { return kNodeClass.CloneInstance(*t.n[1]); },
+    [&](Tree& t, const Result<ObjectRef>& clone, bool failed) {
+      ASSERT_EQ(clone.IsError(), failed);
       if (failed)
-      {
-        ASSERT_TRUE(clone.IsError());
         EXPECT_TRUE(clone.GetError().IsClass(OutOfMemoryError));
-      }
       else
-      {
-        ASSERT_TRUE(clone.IsOk());
-        EXPECT_EQ(Labels(NodeRef(QueryInterface<LabelledNodeInterface>(clone.GetValue().GetPointer()))),
-                  Labels(t.n[1]));
-      }
-      EXPECT_EQ(Labels(t.n[1]), "1@0 2@1 4@2 7@3 5@2 3@1 6@2 ");
+        EXPECT_EQ(Walk(AsNode(clone.GetValue())), whole);
+      EXPECT_EQ(Walk(t.n[1]), whole);
     });
 }
 
