@@ -117,7 +117,9 @@ struct Tree
     {
       n[i] = MakeNode(i);
       if (parents[i] != 0)
+      {
         EXPECT_TRUE(n[parents[i]]->InsertChildLast(n[i]).IsOk());
+      }
     }
   }
 };
