@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "support/loaded_module.h"
+#include "support/poses.h"
+#include "support/quaternion.h"
 #include "telvo/charactersolver.h"
 #include "telvo/kelvarahelper.h"
 
@@ -18,46 +20,7 @@ using namespace telvo;
 namespace
 {
 
-struct Quat
-{
-  double w = 1.0, x = 0.0, y = 0.0, z = 0.0;
-};
-
-Quat operator*(const Quat& a, const Quat& b)
-{
-  return {a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z, a.w * b.x + a.x * b.w + a.y * b.z - a.z * b.y,
-          a.w * b.y - a.x * b.z + a.y * b.w + a.z * b.x, a.w * b.z + a.x * b.y - a.y * b.x + a.z * b.w};
-}
-
-Quat Conjugate(const Quat& q)
-{
-  return {q.w, -q.x, -q.y, -q.z};
-}
-
-Quat AxisAngle(double ax, double ay, double az, double degrees)
-{
-  const double len = std::sqrt(ax * ax + ay * ay + az * az);
-  const double half = degrees * M_PI / 360.0;
-  const double s = std::sin(half) / len;
-  return {std::cos(half), ax * s, ay * s, az * s};
-}
-
-Vector Rotate(const Quat& q, const Vector& v)
-{
-  const Quat r = q * Quat{0.0, v.x, v.y, v.z} * Conjugate(q);
-  return {r.x, r.y, r.z};
-}
-
-// The matrix of rotation q at position offset, built from the quaternion alone.
-Matrix Place(const Quat& q, const Vector& offset)
-{
-  Matrix m;
-  m.off = offset;
-  m.v1 = Rotate(q, {1, 0, 0});
-  m.v2 = Rotate(q, {0, 1, 0});
-  m.v3 = Rotate(q, {0, 0, 1});
-  return m;
-}
+using namespace kelvara_test; // quaternion arithmetic, poses
 
 // Angle in degrees between the rotation q and the axes of m.
 double AngleBetween(const Quat& q, const Matrix& m)
@@ -65,17 +28,6 @@ double AngleBetween(const Quat& q, const Matrix& m)
   const Matrix e = Place(q, {});
   const double trace = Dot(e.v1, m.v1) + Dot(e.v2, m.v2) + Dot(e.v3, m.v3);
   return std::acos(std::clamp((trace - 1.0) / 2.0, -1.0, 1.0)) * 180.0 / M_PI;
-}
-
-// The largest difference between the axes of the rotation q and those of m: the precise check
-// (an angle near 0 from acos carries an error of about 1e-6 degrees).
-double AxesDiff(const Quat& q, const Matrix& m)
-{
-  const Matrix e = Place(q, {});
-  double diff = 0.0;
-  for (const auto& [a, b] : {std::pair(e.v1, m.v1), std::pair(e.v2, m.v2), std::pair(e.v3, m.v3)})
-    diff = std::max({diff, std::abs(a.x - b.x), std::abs(a.y - b.y), std::abs(a.z - b.z)});
-  return diff;
 }
 
 // A global matrix from its parent's and a local one, rotations and offsets handled separately
@@ -93,15 +45,7 @@ Frame Child(const Frame& parent, const Quat& localRotation, const Vector& localO
 
 Uuid MakeId(int n)
 {
-  Uuid::Bytes bytes{};
-  bytes[0] = 0x77;
-  bytes[15] = static_cast<Byte>(n);
-  return Uuid::Create(bytes).GetValue();
-}
-
-String Text(const char* text)
-{
-  return String::Create(text).GetValue();
+  return TaggedUuid(n, 0x77);
 }
 
 // A four-joint chain (hips, spine, arm, hand): names, rest local rotations and rest offsets.
@@ -145,7 +89,7 @@ CharacterTreeRef BuildSkeleton(const Character& c)
   CharacterTreeRef nodes[4];
   for (int i = 0; i < 4; ++i)
   {
-    nodes[i] = CharacterTreeInterface::CreateTree(MakeId(c.firstId + i), Text(c.names[i]), true).GetValue();
+    nodes[i] = CharacterTreeInterface::CreateTree(MakeId(c.firstId + i), MakeString(c.names[i]), true).GetValue();
     if (i > 0)
     {
       EXPECT_TRUE(nodes[i - 1]->InsertChildLast(ObjectRef(nodes[i])).IsOk());
@@ -158,43 +102,28 @@ CharacterTreeRef BuildSkeleton(const Character& c)
 CharacterBodyPartRef BuildBodyParts()
 {
   const char* identifiers[4] = {"Hips", "Spine", "LeftArm", "LeftHand"};
-  const std::vector<std::vector<const char*>> keywords = {
-    {"hips", "pelvis"}, {"spine"}, {"left&&arm", "upperarm&&_l"}, {"hand"}};
+  const BaseArray<String> keywords[4] = {Strings({"hips", "pelvis"}), Strings({"spine"}),
+                                        Strings({"left&&arm", "upperarm&&_l"}), Strings({"hand"})};
   CharacterBodyPartRef parts[4];
   for (int i = 0; i < 4; ++i)
   {
     parts[i] = CharacterBodyPartInterface::CreateBodyPart(InternedId::Intern(identifiers[i]).GetValue(),
-                                                          Text(identifiers[i]))
+                                                          MakeString(identifiers[i]))
                  .GetValue();
-    BaseArray<String> words;
-    for (const char* w : keywords[i])
-      EXPECT_TRUE(words.Append(Text(w)).IsOk());
-    EXPECT_TRUE(parts[i]->SetSkeletonKeywords(words).IsOk());
+    EXPECT_TRUE(parts[i]->SetSkeletonKeywords(keywords[i]).IsOk());
     if (i > 0)
     {
       EXPECT_TRUE(parts[i - 1]->InsertChildLast(ObjectRef(parts[i])).IsOk());
     }
   }
   // The arm must not take the hand, whose name also holds "left".
-  BaseArray<String> discard;
-  EXPECT_TRUE(discard.Append(Text("hand")).IsOk());
-  EXPECT_TRUE(parts[2]->SetSkeletonDiscardKeywords(discard).IsOk());
+  EXPECT_TRUE(parts[2]->SetSkeletonDiscardKeywords(Strings({"hand"})).IsOk());
   return parts[0];
-}
-
-CharacterPose MakePose(const std::vector<CharacterNodeTransform>& transforms)
-{
-  CharacterPose pose = CreateObject<CharacterPose>("net.telvo.animation.class.characterpose").GetValue();
-  BaseArray<CharacterNodeTransform> array;
-  for (const CharacterNodeTransform& t : transforms)
-    EXPECT_TRUE(array.Append(t).IsOk());
-  EXPECT_TRUE(pose.MakeWritable().GetValue()->SetNodeTransformArray(array).IsOk());
-  return pose;
 }
 
 CharacterNodeTransform MakeTransform(int id, const Matrix& global, const Matrix& parentGlobal)
 {
-  return CharacterNodeTransformInterface::CreateNodeTransform(MakeId(id), global, parentGlobal).GetValue();
+  return kelvara_test::MakeTransform(MakeId(id), global, parentGlobal);
 }
 
 CharacterDefinition BuildDefinition(const Character& c, const KelvaraHelperRef& helper)
@@ -202,7 +131,7 @@ CharacterDefinition BuildDefinition(const Character& c, const KelvaraHelperRef& 
   CharacterDefinition definition =
     CreateObject<CharacterDefinition>("net.telvo.animation.class.characterdefinition").GetValue();
   CharacterDefinitionInterface* writable = definition.MakeWritable().GetValue();
-  EXPECT_TRUE(writable->SetName(Text(c.names[0])).IsOk());
+  EXPECT_TRUE(writable->SetName(MakeString(c.names[0])).IsOk());
   EXPECT_TRUE(writable->SetSkeletonTree(BuildSkeleton(c)).IsOk());
   EXPECT_TRUE(writable->SetBodyPartTree(BuildBodyParts()).IsOk());
   EXPECT_TRUE(helper->FillBodyPart(writable->GetSkeletonTree(), writable->GetBodyPartTree()).IsOk());
@@ -334,12 +263,9 @@ TEST_F(RetargetRoadTest, TargetJointsFollowTheSourceJointsGlobalRotationChange)
     for (int i = 0; i < 4; ++i)
     {
       SCOPED_TRACE("frame " + std::to_string(frame) + ", joint " + std::to_string(i));
-      EXPECT_LT(AxesDiff(Expected(frame, i), outcome.newGlobal[i]), 1e-9);
+      EXPECT_LT(AxesDiff(outcome.newGlobal[i], Expected(frame, i)), 1e-9);
       // The local matrix keeps the joint's rest offset: bone lengths are the target's own.
-      const Vector& offset = outcome.local[i].off;
-      EXPECT_NEAR(offset.x, kTarget.restOffset[i].x, 1e-9);
-      EXPECT_NEAR(offset.y, kTarget.restOffset[i].y, 1e-9);
-      EXPECT_NEAR(offset.z, kTarget.restOffset[i].z, 1e-9);
+      EXPECT_LT(MaxDiff(outcome.local[i].off, kTarget.restOffset[i]), 1e-9);
     }
   }
 }
