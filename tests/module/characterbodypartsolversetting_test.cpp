@@ -5,6 +5,7 @@
 
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
+#include "support/recording_describer.h"
 #include "telvo/characterbodypartsolversetting.h"
 #include "telvo/dataserialize.h"
 
@@ -14,23 +15,6 @@ namespace
 {
 
 constexpr const char* kClassId = "net.telvo.animation.class.characterbodypartsolversetting";
-
-// Records the declarations; the declaration numbered failAt (from 1) fails.
-class SettingDescriber : public DataDescriber
-{
-public:
-  Result<void> DeclareMember(const char* key, const DataType& type, UInt flags, MemberAccess access) override
-  {
-    constexpr const char* kUnitName = "characterbodypartsolversetting_test";
-    if (++calls == failAt)
-      return TELVO_ERROR(UnexpectedError, "describer refused");
-    lines.push_back(std::string(key) + ":" + type.name + ":" + std::to_string(flags) + (access ? ":access" : ""));
-    return OK();
-  }
-  int failAt = 0;
-  int calls = 0;
-  std::vector<std::string> lines;
-};
 
 class CharacterBodyPartSolverSettingTest : public ::testing::Test
 {
@@ -74,6 +58,12 @@ TEST_F(CharacterBodyPartSolverSettingTest, FactoryStoresAnyWeightAndSharesTheIde
   CharacterBodyPartSolverSettingInterface* writable = setting.MakeWritable().GetValue();
   ASSERT_TRUE(writable->SetBodyPartWeight(0.0).IsOk());
   EXPECT_EQ(Text(setting), "Identifier : LeftArm\nWeight : 0\n");
+
+  Registry::Get().SetClassHidden(kClassId, true);
+  Result<CharacterBodyPartSolverSetting> hidden = CharacterBodyPartSolverSettingInterface::CreateBodyPartSolverSetting(_leftArm, 1.0);
+  Registry::Get().SetClassHidden(kClassId, false);
+  ASSERT_TRUE(hidden.IsError());
+  EXPECT_TRUE(hidden.GetError() == NullReturnError(0));
 }
 
 TEST_F(CharacterBodyPartSolverSettingTest, CopyOnWriteSharesTheIdentifierAndCopiesTheWeight)
@@ -100,27 +90,16 @@ TEST_F(CharacterBodyPartSolverSettingTest, CopyOnWriteSharesTheIdentifierAndCopi
   EXPECT_EQ(copy->GetBodyPartWeight(), 3.0);
 }
 
-TEST_F(CharacterBodyPartSolverSettingTest, UnavailableClassGivesTheReasonZeroError)
-{
-  Registry::Get().SetClassHidden(kClassId, true);
-  Result<CharacterBodyPartSolverSetting> setting =
-    CharacterBodyPartSolverSettingInterface::CreateBodyPartSolverSetting(_leftArm, 1.0);
-  Registry::Get().SetClassHidden(kClassId, false);
-  ASSERT_TRUE(setting.IsError());
-  EXPECT_TRUE(setting.GetError() == NullReturnError(0));
-}
-
 TEST_F(CharacterBodyPartSolverSettingTest, DescribesIdentifierThenWeightAndStopsAtTheFirstError)
 {
-  SettingDescriber describer;
+  kelvara_test::RecordingDescriber describer;
   ASSERT_TRUE(CharacterBodyPartSolverSettingInterface::DescribeIO(describer).IsOk());
-  EXPECT_EQ(describer.lines, (std::vector<std::string>{"_identifier:InternedId:0:access", "_weight:Float64:0:access"}));
-
-  SettingDescriber refusing;
-  refusing.failAt = 1;
+  EXPECT_EQ(describer.members, (std::vector<kelvara_test::DeclaredMember>{{"_identifier", "InternedId", 0, true},
+                                                                        {"_weight", "Float64", 0, true}}));
+  kelvara_test::RecordingDescriber refusing(1);
   Result<void> described = CharacterBodyPartSolverSettingInterface::DescribeIO(refusing);
   ASSERT_TRUE(described.IsError());
-  EXPECT_STREQ(described.GetError().GetMessage(), "describer refused");
+  EXPECT_TRUE(described.GetError() == refusing.failure);
   EXPECT_EQ(refusing.calls, 1);
 }
 

@@ -6,6 +6,7 @@
 
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
+#include "support/recording_describer.h"
 #include "telvo/characterdefinition.h"
 #include "telvo/dataserialize.h"
 
@@ -28,23 +29,6 @@ String Str(const std::string& text)
 {
   return String::Create(text).GetValue();
 }
-
-// Records the declarations; the declaration numbered failAt (from 1) fails.
-class DefinitionDescriber : public DataDescriber
-{
-public:
-  Result<void> DeclareMember(const char* key, const DataType& type, UInt flags, MemberAccess access) override
-  {
-    constexpr const char* kUnitName = "characterdefinition_test";
-    if (++calls == failAt)
-      return TELVO_ERROR(UnexpectedError, "describer refused");
-    lines.push_back(std::string(key) + ":" + type.name + ":" + std::to_string(flags) + (access ? ":access" : ""));
-    return OK();
-  }
-  int failAt = 0;
-  int calls = 0;
-  std::vector<std::string> lines;
-};
 
 // A skeleton: a root with `chains` chains of `depth` nodes each below it.
 CharacterTreeRef MakeSkeleton(unsigned chains, unsigned depth)
@@ -258,29 +242,27 @@ TEST_F(CharacterDefinitionTest, CopyOverANullRootKeepsTheTargetsRoot)
 
 TEST_F(CharacterDefinitionTest, DescribesItsOwnMembersAfterTheNodeInfo)
 {
-  DefinitionDescriber own;
-  ASSERT_TRUE(CharacterDefinitionInterface::DescribeIO(own).IsOk());
-  const std::vector<std::string> members{"SkeletonRoot:telvo::CharacterTreeRef:0:access",
-                                         "BodyPartRoot:telvo::CharacterBodyPartRef:0:access",
-                                         "SkeletonRestPose:telvo::CharacterPose:0:access",
-                                         "Controllers:Uuid:2048:access",
-                                         "ControllersRestPose:telvo::CharacterPose:0:access"};
-  EXPECT_EQ(own.lines, members);
-
-  // The class: node info first, built on the node-info class.
+  using kelvara_test::DeclaredMember;
   const ClassInfo* cls = Registry::Get().FindClass(kClassId);
   ASSERT_NE(cls, nullptr);
   EXPECT_STREQ(cls->baseClassId, "net.telvo.animation.class.characternodeinfo");
-  DefinitionDescriber whole;
+  kelvara_test::RecordingDescriber whole;
   ASSERT_TRUE(DescribeClass(*cls, whole).IsOk());
-  std::vector<std::string> all{"_objectID:Uuid:0:access", "_objectName:String:0:access"};
-  all.insert(all.end(), members.begin(), members.end());
-  EXPECT_EQ(whole.lines, all);
+  const std::vector<DeclaredMember> members{{"_objectID", "Uuid", 0, true},
+                                            {"_objectName", "String", 0, true},
+                                            {"SkeletonRoot", "telvo::CharacterTreeRef", 0, true},
+                                            {"BodyPartRoot", "telvo::CharacterBodyPartRef", 0, true},
+                                            {"SkeletonRestPose", "telvo::CharacterPose", 0, true},
+                                            {"Controllers", "Uuid", DESCRIBEFLAGS_ARRAY, true},
+                                            {"ControllersRestPose", "telvo::CharacterPose", 0, true}};
+  EXPECT_EQ(whole.members, members);
+  kelvara_test::RecordingDescriber own;
+  ASSERT_TRUE(CharacterDefinitionInterface::DescribeIO(own).IsOk());
+  EXPECT_EQ(own.members, std::vector<DeclaredMember>(members.begin() + 2, members.end()));
 
   for (int failAt = 1; failAt <= 5; ++failAt)
   {
-    DefinitionDescriber refusing;
-    refusing.failAt = failAt;
+    kelvara_test::RecordingDescriber refusing(failAt);
     ASSERT_TRUE(CharacterDefinitionInterface::DescribeIO(refusing).IsError());
     EXPECT_EQ(refusing.calls, failAt);
   }
