@@ -444,12 +444,14 @@ bool ChooseAndFillPreset(Character& c, const telvo::KelvaraHelperRef& helper, co
   const Preset* best = nullptr;
   telvo::Int bestCount = -1;
   int bestScore = -1;
+  c.presetTrials.clear();
   for (const Preset* p : candidates)
   {
     telvo::Int count = 0;
     if (!FillWithPreset(c, helper, *p, count, error))
       return false;
     const int score = GeometryScore(c);
+    c.presetTrials.push_back(PresetTrial{p->name, static_cast<int>(count), score});
     if (count > bestCount || (count == bestCount && score > bestScore))
     {
       best = p;

@@ -25,6 +25,15 @@ struct Orientation
   telvo::Vector left;     // up x forward: the character's own left (right-handed axes)
 };
 
+// One preset tried by ChooseAndFillPreset: how many body parts it filled and how well the filled
+// joints fit a humanoid (the tie breaker), so that a report can say why a preset was chosen.
+struct PresetTrial
+{
+  std::string preset;
+  int filled = 0;
+  int geometryScore = 0;
+};
+
 struct Character
 {
   std::string role;               // "source" or "target": part of every node id
@@ -42,6 +51,7 @@ struct Character
   std::array<int, kBodyPartCount> partJoint{}; // joint index per body part, -1 when empty
   Orientation orientation;
   std::vector<std::string> notes; // sides swapped, joints claimed twice: for the report
+  std::vector<PresetTrial> presetTrials; // every candidate, in the order tried
 
   int FindJoint(std::string_view name) const;
 };

@@ -61,11 +61,20 @@ int RunCommandLine(int argc, char** argv)
   CLI::App* retargetCommand = app.add_subcommand(
     "retarget", "Retarget the motion of SOURCE onto the skeleton of TARGET and write OUT: TARGET's hierarchy with "
                 "SOURCE's frames.");
-  retargetCommand->add_option("SOURCE", retarget.sourcePath, "BVH file that gives the motion")->required();
+  retargetCommand->add_option("SOURCE", retarget.sourcePaths,
+                              "BVH file(s) that give the motion; with several, OUT is a folder that receives "
+                              "<source name>.bvh for each")
+    ->required();
   retargetCommand->add_option("--target", retarget.targetPath, "BVH file that gives the skeleton (its motion is "
                                                                "ignored)")
     ->required();
-  retargetCommand->add_option("-o,--output", retarget.outPath, "BVH file to write")->required();
+  retargetCommand->add_option("-o,--output", retarget.outPath, "BVH file to write (a folder with several sources)")
+    ->required();
+  retargetCommand->add_option("--jobs", retarget.jobs, "Clips retargeted at once (default: one per core)")
+    ->check(CLI::PositiveNumber);
+  retargetCommand->add_option("--report", retarget.reportPath,
+                              "JSON report per clip: presets, joint pairs, unpaired joints, root scale, bone angles "
+                              "and foot sliding measured on the written files");
   retargetCommand->add_option("--map", retarget.mapPath,
                               "JSON object {\"target joint\": \"source joint\", ...} overriding the keyword pairing");
   retargetCommand->add_option("--preset", retarget.preset,

@@ -20,7 +20,8 @@ int RunModulesCommand(const std::vector<std::string>& args);
 
 struct RetargetOptions
 {
-  std::string sourcePath;
+  std::vector<std::string> sourcePaths; // several: a batch, and outPath names a folder
+  std::string sourcePath;               // the single source (RetargetLoaded)
   std::string targetPath;
   std::string outPath;
   std::string mapPath;
@@ -31,6 +32,8 @@ struct RetargetOptions
   bool noRootMotion = false;
   bool timings = false;
   bool quiet = false; // no mapping table
+  int jobs = 0;       // worker threads of a batch; 0: one per core
+  std::string reportPath; // JSON report (report.h); also a table on stdout unless quiet
 };
 
 int RunRetargetCommand(const RetargetOptions& options);

@@ -46,7 +46,7 @@ Matrix JointLocalMatrix(const BvhJoint& joint, const double* row)
   return local;
 }
 
-bool RetargetJob::PairJoints(std::string& error)
+bool PreparedRetarget::PairJoints(std::string& error)
 {
   const BvhFile& tf = *target->file;
   const BvhFile& sf = *source->file;
@@ -133,11 +133,24 @@ bool RetargetJob::PairJoints(std::string& error)
   return true;
 }
 
-bool RetargetJob::MakeFrameObjects(std::string& error)
+bool ClipRetarget::Setup(const PreparedRetarget& prepared, std::string& error)
 {
-  const BvhFile& sf = *source->file;
-  const BvhFile& tf = *target->file;
-  auto make = [&](Character& c, std::vector<telvo::CharacterNodeTransform>& refs,
+  _prepared = nullptr;
+  if (!prepared.IsPrepared())
+  {
+    error = "the retarget was not prepared";
+    return false;
+  }
+  const Character& source = *prepared.source;
+  const Character& target = *prepared.target;
+  const BvhFile& sf = *source.file;
+  const BvhFile& tf = *target.file;
+  telvo::Result<telvo::CharacterSolver> solver =
+    telvo::CreateObject<telvo::CharacterSolver>("net.telvo.animation.class.charactersolver");
+  if (!Check(solver, "cannot make the solver", error))
+    return false;
+  _solver = solver.GetValue();
+  auto make = [&](const Character& c, std::vector<telvo::CharacterNodeTransform>& refs,
                   std::vector<telvo::CharacterNodeTransformInterface*>& writable) {
     const std::size_t n = c.file->joints.size();
     refs.assign(n, telvo::CharacterNodeTransform());
@@ -159,7 +172,7 @@ bool RetargetJob::MakeFrameObjects(std::string& error)
     }
     return true;
   };
-  if (!make(*source, _currentTransforms, _currentWritable) || !make(*target, _targetTransforms, _targetWritable))
+  if (!make(source, _currentTransforms, _currentWritable) || !make(target, _targetTransforms, _targetWritable))
     return false;
 
   telvo::BaseArray<telvo::CharacterNodeTransform> array;
@@ -178,16 +191,17 @@ bool RetargetJob::MakeFrameObjects(std::string& error)
 
   _targetIndex.clear();
   for (std::size_t t = 0; t < tf.joints.size(); ++t)
-    _targetIndex.emplace(target->uuids[t], Index(t));
+    _targetIndex.emplace(target.uuids[t], Index(t));
   _deltaOfTarget.assign(tf.joints.size(), telvo::CharacterNodeTransform());
   _sourceGlobal.assign(sf.joints.size(), Matrix());
   _targetGlobal.assign(tf.joints.size(), Matrix());
+  _prepared = &prepared;
   return true;
 }
 
-bool RetargetJob::Validate(std::string& error)
+bool PreparedRetarget::Prepare(std::string& error)
 {
-  _validated = false;
+  _prepared = false;
   notes.clear();
   if (source == nullptr || target == nullptr || !helper || source->file == nullptr || target->file == nullptr)
   {
@@ -211,13 +225,6 @@ bool RetargetJob::Validate(std::string& error)
   writable.GetValue()->SetApplyTranslationFromRoot(false);
   if (!Check(_configuration->Validate(), "the solver configuration is not valid", error))
     return false;
-  telvo::Result<telvo::CharacterSolver> solver =
-    telvo::CreateObject<telvo::CharacterSolver>("net.telvo.animation.class.charactersolver");
-  if (!Check(solver, "cannot make the solver", error))
-    return false;
-  _solver = solver.GetValue();
-  if (!MakeFrameObjects(error))
-    return false;
 
   appliedRootScale = rootScale;
   if (rootScale <= 0.0)
@@ -228,15 +235,15 @@ bool RetargetJob::Validate(std::string& error)
     if (!(s > 0.0 && t > 0.0))
       notes.push_back("root scale 1: the hip height of a character cannot be told from its feet");
   }
+  _prepared = true;
+  return true;
+}
 
-  const BvhFile& sf = *source->file;
-  const BvhFile& tf = *target->file;
-  output = BvhFile();
-  output.joints = tf.joints;
-  output.channelCount = tf.channelCount;
-  output.frameCount = sf.frameCount;
-  output.frameTime = sf.frameTime;
-  output.motion.assign(static_cast<std::size_t>(sf.frameCount) * static_cast<std::size_t>(tf.channelCount), 0.0);
+bool RetargetJob::Validate(std::string& error)
+{
+  _validated = false;
+  if (!Prepare(error) || !_clip.Setup(*this, error))
+    return false;
   _validated = true;
   return true;
 }
@@ -248,11 +255,44 @@ bool RetargetJob::Run(std::string& error)
     error = "the retarget job was not validated";
     return false;
   }
-  const BvhFile& sf = *source->file;
-  const BvhFile& tf = *target->file;
+  return _clip.Run(*source->file, output, error);
+}
+
+bool ClipRetarget::Run(const BvhFile& sf, BvhFile& output, std::string& error)
+{
+  if (_prepared == nullptr)
+  {
+    error = "the clip retarget was not set up";
+    return false;
+  }
+  const Character& source = *_prepared->source;
+  const Character& target = *_prepared->target;
+  const BvhFile& tf = *target.file;
+  if (sf.joints.size() != source.file->joints.size() || sf.channelCount != source.file->channelCount ||
+      sf.motion.size() != static_cast<std::size_t>(sf.frameCount) * static_cast<std::size_t>(sf.channelCount))
+  {
+    error = sf.path + ": the clip's skeleton is not the prepared source's";
+    return false;
+  }
+  output = BvhFile();
+  output.joints = tf.joints;
+  output.channelCount = tf.channelCount;
+  output.frameCount = sf.frameCount;
+  output.frameTime = sf.frameTime;
+  output.motion.assign(static_cast<std::size_t>(sf.frameCount) * static_cast<std::size_t>(tf.channelCount), 0.0);
+  const telvo::CharacterSolverConfiguration& configuration = _prepared->Configuration();
+  const telvo::CharacterAssociation& association = _prepared->Association();
+  const double appliedRootScale = _prepared->appliedRootScale;
+  const bool rootMotion = _prepared->rootMotion;
   const std::size_t sn = sf.joints.size();
   const std::size_t tn = tf.joints.size();
-  const Vector sourceRootRest = source->restGlobal[0].off;
+  const Vector sourceRootRest = source.restGlobal[0].off;
+  const std::vector<Matrix>& rest = _prepared->targetRest.empty() ? target.restGlobal : _prepared->targetRest;
+  if (rest.size() != tn)
+  {
+    error = "the target rest has " + std::to_string(rest.size()) + " matrices for " + std::to_string(tn) + " joints";
+    return false;
+  }
   for (int frame = 0; frame < sf.frameCount; ++frame)
   {
     const double* row = sf.motion.data() + static_cast<std::size_t>(frame) * static_cast<std::size_t>(sf.channelCount);
@@ -265,10 +305,10 @@ bool RetargetJob::Run(std::string& error)
       _sourceGlobal[j] = parent >= 0 ? _sourceGlobal[static_cast<std::size_t>(parent)] * local : local;
       _currentWritable[j]->SetGlobalMatrix(_sourceGlobal[j]);
     }
-    telvo::Result<telvo::CharacterPose> delta = _solver->ExtractGlobalDeltaPose(_configuration, _currentPose);
+    telvo::Result<telvo::CharacterPose> delta = _solver->ExtractGlobalDeltaPose(configuration, _currentPose);
     if (!Check(delta, "cannot extract the global deltas", error))
       return false;
-    telvo::Result<telvo::CharacterPose> translated = helper->TranslateSrcToDestID(_association, delta.GetValue());
+    telvo::Result<telvo::CharacterPose> translated = _prepared->helper->TranslateSrcToDestID(association, delta.GetValue());
     if (!Check(translated, "cannot translate the deltas to the target", error))
       return false;
     for (telvo::CharacterNodeTransform& d : _deltaOfTarget)
@@ -290,7 +330,7 @@ bool RetargetJob::Run(std::string& error)
       {
         // The rest global rotation, placed where the parent's new global matrix carries the
         // joint, handed over with that matrix: the delta then turns the rest orientation.
-        Matrix node = telvo::Rotation3(target->restGlobal[t]);
+        Matrix node = telvo::Rotation3(rest[t]);
         node.off = telvo::TransformPoint(parentNew, joint.offset);
         _targetWritable[t]->SetGlobalMatrix(node);
         _targetWritable[t]->SetParentGlobalMatrix(parentNew);
@@ -299,8 +339,8 @@ bool RetargetJob::Run(std::string& error)
       else
       {
         // No partner: the rest rotation relative to the parent.
-        const Matrix parentRest = hasParent ? target->restGlobal[static_cast<std::size_t>(joint.parent)] : Matrix();
-        local = telvo::Inverse(telvo::Rotation3(parentRest)) * telvo::Rotation3(target->restGlobal[t]);
+        const Matrix parentRest = hasParent ? rest[static_cast<std::size_t>(joint.parent)] : Matrix();
+        local = telvo::Inverse(telvo::Rotation3(parentRest)) * telvo::Rotation3(rest[t]);
       }
       local.off = joint.offset;
       if (t == 0 && rootMotion)

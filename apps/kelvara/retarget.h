@@ -1,5 +1,5 @@
-// One clip retargeted from a source character onto a target character through the module:
-// set the job's inputs, Validate() once, Run() over every frame.
+// Clips retargeted from a source character onto a target character through the module: a part
+// prepared once per pair of characters, and a per-clip part that runs the frames.
 #pragma once
 
 #include <string>
@@ -19,7 +19,10 @@ struct UuidHash
   std::size_t operator()(const telvo::Uuid& uuid) const { return static_cast<std::size_t>(uuid.GetHash()); }
 };
 
-struct RetargetJob
+// The clip-independent part of a retarget: the joint pairs, the association and the solver
+// configuration. Prepare() once; afterwards it is only read, so that ClipRetargets on any number
+// of threads may share it (module objects are shared as read-only values).
+struct PreparedRetarget
 {
   // Inputs. Both characters built and their body parts filled (ChooseAndFillPreset).
   Character* source = nullptr;
@@ -28,28 +31,46 @@ struct RetargetJob
   std::vector<JointPair> mapPairs; // overrides of the keyword pairing (--map)
   double rootScale = 0.0;          // <= 0: auto, the target's hip height over the source's
   bool rootMotion = true;
+  // Per target joint: the rest global matrices the road turns (MatchRestPose), set after
+  // pairing (Prepare or Validate) and before the frames run; empty: the target's own rest.
+  std::vector<telvo::Matrix> targetRest;
 
-  // Outputs of Validate.
+  // Outputs of Prepare.
   std::vector<int> sourceOfTarget; // per target joint: the source joint that drives it, or -1
   std::vector<std::string> pairOrigin; // per target joint: "body part Left hand", "map", "same name", ""
   telvo::AssociationCounters counters;
   double appliedRootScale = 1.0;
   std::vector<std::string> notes;
-  // Output of Run: the target's hierarchy with the source's frames.
-  BvhFile output;
 
   // Pairs the joints (body parts, then the map, then equal names for what is left), builds the
-  // association and the configuration and validates them, and makes every object the frames need.
-  bool Validate(std::string& error);
-  // Every frame, parents before children. No allocation of its own in the frame loop.
-  bool Run(std::string& error);
+  // association and the configuration and validates them.
+  bool Prepare(std::string& error);
+  bool IsPrepared() const { return _prepared; }
+  const telvo::CharacterAssociation& Association() const { return _association; }
+  const telvo::CharacterSolverConfiguration& Configuration() const { return _configuration; }
 
 private:
   bool PairJoints(std::string& error);
-  bool MakeFrameObjects(std::string& error);
 
   telvo::CharacterAssociation _association;
   telvo::CharacterSolverConfiguration _configuration;
+  bool _prepared = false;
+};
+
+// One clip's frames through a prepared retarget: the solver, the poses, the node transforms and
+// the scratch matrices are this object's own, so each thread of a batch has one.
+class ClipRetarget
+{
+public:
+  // Makes every object the frames need. prepared must stay alive and unchanged while Run is used.
+  bool Setup(const PreparedRetarget& prepared, std::string& error);
+  // Every frame of clip, parents before children, into output (the target's hierarchy with the
+  // clip's frames). clip must have the prepared source's skeleton (joints, channels); only its
+  // motion is read. No allocation of its own in the frame loop.
+  bool Run(const BvhFile& clip, BvhFile& output, std::string& error);
+
+private:
+  const PreparedRetarget* _prepared = nullptr;
   telvo::CharacterSolver _solver;
   telvo::CharacterPose _currentPose; // the source's current pose; its node transforms are ours
   std::vector<telvo::CharacterNodeTransform> _currentTransforms;
@@ -60,6 +81,21 @@ private:
   std::unordered_map<telvo::Uuid, int, UuidHash> _targetIndex;
   std::vector<telvo::Matrix> _sourceGlobal;
   std::vector<telvo::Matrix> _targetGlobal;
+};
+
+// One clip retargeted from a source character onto a target character: set the inputs,
+// Validate() once, Run() over the source character's own frames.
+struct RetargetJob : PreparedRetarget
+{
+  // Output of Run: the target's hierarchy with the source's frames.
+  BvhFile output;
+
+  // Prepare, then make every object the frames need.
+  bool Validate(std::string& error);
+  bool Run(std::string& error);
+
+private:
+  ClipRetarget _clip;
   bool _validated = false;
 };
 

@@ -1,15 +1,20 @@
 // kelvara retarget: SOURCE's motion onto TARGET's skeleton, written as OUT.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
+#include <thread>
 
+#include "batch.h"
 #include "character.h"
 #include "commands.h"
 #include "mapping.h"
+#include "report.h"
 #include "retarget.h"
 #include "telvo/loader.h"
 #include "telvo/registrybase.h"
@@ -54,7 +59,7 @@ void PrintCharacter(const char* label, const Character& c)
 // Everything that holds module objects lives in here, so that all of it is released before the
 // module is unloaded.
 int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& options,
-          const std::vector<JointPair>& mapPairs, double rootScale, BvhFile& output)
+          const std::vector<JointPair>& mapPairs, double rootScale, BvhFile& output, ClipReport* report)
 {
   std::string error;
   telvo::Result<telvo::KelvaraHelperRef> helper =
@@ -122,6 +127,12 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
   std::printf("\n");
   for (const std::string& note : job.notes)
     std::printf("  note: %s\n", note.c_str());
+  if (report != nullptr)
+  {
+    DescribePairing(job, !sourcePreset.empty(), !targetPreset.empty(), *report);
+    for (const std::string& warning : report->warnings)
+      std::fprintf(stderr, "kelvara: warning: %s\n", warning.c_str());
+  }
   output = std::move(job.output);
   return 0;
 }
@@ -167,7 +178,13 @@ int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetO
     return 1;
   }
   BvhFile output;
-  const int status = Solve(source, target, options, mapPairs, rootScale, output);
+  ClipReport report;
+  report.source = source.path;
+  report.output = options.outPath;
+  report.frames = source.frameCount;
+  report.frameTime = source.frameTime;
+  const int status =
+    Solve(source, target, options, mapPairs, rootScale, output, options.reportPath.empty() ? nullptr : &report);
   module->Unload();
   if (status != 0)
     return status;
@@ -184,6 +201,18 @@ int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetO
   const double outputBytes = FileBytes(options.outPath);
   std::printf("wrote %s: %zu joints, %d frames of %g s\n", options.outPath.c_str(), output.joints.size(),
               output.frameCount, output.frameTime);
+  if (!options.reportPath.empty())
+  {
+    report.ok = true;
+    if (!MeasureWrittenQuality(report, error) ||
+        !WriteReport(options.reportPath, {report}, SecondsSince(solveStart), error))
+    {
+      std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+      return 1;
+    }
+    if (!options.quiet)
+      PrintReportTable(stdout, {report});
+  }
   if (options.timings)
   {
     auto rate = [](double bytes, double seconds) { return seconds > 0.0 ? bytes / seconds / 1e6 : 0.0; };
@@ -197,8 +226,94 @@ int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetO
   return 0;
 }
 
-int RunRetargetCommand(const RetargetOptions& options)
+namespace
 {
+
+// Several sources: each written as OUTDIR/<stem>.bvh by worker threads (batch.h).
+int RetargetBatch(const RetargetOptions& options)
+{
+  BatchSettings settings;
+  settings.sources = options.sourcePaths;
+  settings.outDir = options.outPath;
+  const unsigned cores = std::thread::hardware_concurrency();
+  settings.jobs = options.jobs > 0 ? options.jobs : static_cast<int>(cores > 0 ? cores : 1);
+  settings.mapPath = options.mapPath;
+  settings.sourcePreset = options.sourcePreset.empty() ? options.preset : options.sourcePreset;
+  settings.targetPreset = options.targetPreset.empty() ? options.preset : options.targetPreset;
+  settings.rootMotion = !options.noRootMotion;
+  settings.measure = !options.reportPath.empty();
+  settings.terminal = isatty(2) != 0;
+  if (!ParseRootScale(options.rootScale, settings.rootScale))
+  {
+    std::fprintf(stderr, "kelvara: expected auto or a positive number for --root-scale, found \"%s\"\n",
+                 options.rootScale.c_str());
+    return 2;
+  }
+  for (const std::string* name : {&settings.sourcePreset, &settings.targetPreset})
+    if (!name->empty() && FindPreset(*name) == nullptr)
+    {
+      std::fprintf(stderr, "kelvara: expected a preset name (%s), found \"%s\"\n", PresetNames().c_str(),
+                   name->c_str());
+      return 2;
+    }
+  if (const std::string collision = OutputCollision(settings.outDir, settings.sources); !collision.empty())
+  {
+    std::fprintf(stderr, "kelvara: %s\n", collision.c_str());
+    return 2;
+  }
+  BvhFile target;
+  std::string error;
+  if (!ReadBvh(options.targetPath, target, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 2;
+  }
+  settings.target = &target;
+  std::error_code made;
+  std::filesystem::create_directories(settings.outDir, made);
+  if (made || !std::filesystem::is_directory(settings.outDir))
+  {
+    std::fprintf(stderr, "kelvara: cannot make the output folder %s\n", settings.outDir.c_str());
+    return 1;
+  }
+
+  std::string why;
+  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  if (!module)
+  {
+    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
+    return 1;
+  }
+  const BatchResult result = RunBatch(settings);
+  module->Unload();
+  if (!result.error.empty())
+  {
+    std::fprintf(stderr, "kelvara: %s\n", result.error.c_str());
+    return 1;
+  }
+  PrintBatchSummary(stdout, result);
+  if (!options.reportPath.empty())
+  {
+    if (!WriteReport(options.reportPath, result.clips, result.seconds, error))
+    {
+      std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+      return 1;
+    }
+    if (!options.quiet)
+      PrintReportTable(stdout, result.clips);
+  }
+  return result.Status();
+}
+
+} // namespace
+
+int RunRetargetCommand(const RetargetOptions& given)
+{
+  RetargetOptions options = given;
+  if (options.sourcePaths.size() > 1)
+    return RetargetBatch(options);
+  if (options.sourcePaths.size() == 1)
+    options.sourcePath = options.sourcePaths[0];
   const Clock::time_point readStart = Clock::now();
   BvhFile source;
   BvhFile target;

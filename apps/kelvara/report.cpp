@@ -1,0 +1,380 @@
+#include "report.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+
+#include "skeleton_pose.h"
+
+namespace kelvara
+{
+
+namespace
+{
+
+using json = nlohmann::ordered_json;
+using telvo::Matrix;
+using telvo::Vector;
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kTinyLength = 1e-9;
+
+double AngleDegrees(const Vector& a, const Vector& b)
+{
+  const double c = std::clamp(telvo::Dot(a, b) / (telvo::Length(a) * telvo::Length(b)), -1.0, 1.0);
+  return std::acos(c) * 180.0 / kPi;
+}
+
+std::string JointName(const BvhFile& file, int joint)
+{
+  return file.joints[static_cast<std::size_t>(joint)].name;
+}
+
+int FilledParts(const Character& c)
+{
+  int n = 0;
+  for (int j : c.partJoint)
+    n += j >= 0 ? 1 : 0;
+  return n;
+}
+
+std::string PresetReason(const Character& c, bool named)
+{
+  if (named)
+    return "named on the command line";
+  const PresetTrial* chosen = nullptr;
+  for (const PresetTrial& t : c.presetTrials)
+    if (t.preset == c.preset)
+      chosen = &t;
+  if (chosen == nullptr)
+    return "";
+  std::string others;
+  bool tie = false;
+  for (const PresetTrial& t : c.presetTrials)
+    if (&t != chosen)
+    {
+      others += (others.empty() ? "" : ", ") + t.preset + " " + std::to_string(t.filled);
+      tie = tie || t.filled == chosen->filled;
+    }
+  std::string why = "filled " + std::to_string(chosen->filled) + " body parts (" + others + ")";
+  if (tie)
+    why += "; tie broken by geometry score " + std::to_string(chosen->geometryScore) + ", then preset order";
+  return why;
+}
+
+json Candidates(const std::vector<PresetTrial>& trials)
+{
+  json out = json::array();
+  for (const PresetTrial& t : trials)
+    out.push_back({{"preset", t.preset}, {"filledBodyParts", t.filled}, {"geometryScore", t.geometryScore}});
+  return out;
+}
+
+json CharacterJson(const CharacterReport& c)
+{
+  return {{"preset", c.preset},       {"presetReason", c.presetReason},       {"filledBodyParts", c.filledBodyParts},
+          {"candidates", Candidates(c.candidates)}, {"notes", c.notes}, {"legLength", c.legLength}};
+}
+
+json SlidesJson(const std::vector<FootSliding>& slides)
+{
+  json out = json::array();
+  for (const FootSliding& s : slides)
+    out.push_back({{"joint", s.joint}, {"speed", s.speed}, {"lowSeconds", s.lowSeconds}});
+  return out;
+}
+
+json ClipJson(const ClipReport& r)
+{
+  json clip = {{"source", r.source}, {"output", r.output}, {"status", r.ok ? "ok" : "failed"}};
+  if (!r.ok)
+    clip["error"] = r.error;
+  clip["frames"] = r.frames;
+  clip["frameTime"] = r.frameTime;
+  if (r.described)
+  {
+    clip["sourceCharacter"] = CharacterJson(r.sourceCharacter);
+    clip["targetCharacter"] = CharacterJson(r.targetCharacter);
+    json pairs = json::array();
+    for (const PairRecord& p : r.pairs)
+      pairs.push_back({{"target", p.target}, {"source", p.source}, {"origin", p.origin}});
+    clip["pairs"] = pairs;
+    clip["unpairedTargetJoints"] = r.unpairedTarget;
+    clip["unpairedSourceJoints"] = r.unpairedSource;
+    clip["rootScale"] = r.rootScale;
+    clip["rootScaleAuto"] = r.rootScaleAuto;
+    clip["rootMotion"] = r.rootMotion;
+    clip["warnings"] = r.warnings;
+  }
+  if (r.measured)
+  {
+    json bones = json::array();
+    for (const BoneAngles& b : r.bones)
+      bones.push_back({{"targetJoint", b.targetJoint},
+                       {"targetChild", b.targetChild},
+                       {"sourceJoint", b.sourceJoint},
+                       {"sourceChild", b.sourceChild},
+                       {"meanAngleDegrees", b.meanDegrees},
+                       {"maxAngleDegrees", b.maxDegrees}});
+    clip["bones"] = bones;
+    clip["footSliding"] = {{"source", SlidesJson(r.sourceFeet)}, {"target", SlidesJson(r.targetFeet)}};
+  }
+  return clip;
+}
+
+double FastestSlide(const std::vector<FootSliding>& slides)
+{
+  double v = 0.0;
+  for (const FootSliding& s : slides)
+    v = std::max(v, s.speed);
+  return v;
+}
+
+} // namespace
+
+CharacterReport DescribeCharacter(const Character& c, bool presetNamed)
+{
+  CharacterReport r;
+  r.preset = c.preset;
+  r.presetReason = PresetReason(c, presetNamed);
+  r.filledBodyParts = FilledParts(c);
+  r.candidates = c.presetTrials;
+  r.notes = c.notes;
+  r.legLength = HipHeight(c);
+  r.upKnown = c.orientation.known;
+  r.up = c.orientation.up;
+  for (int part : {kLeftFoot, kLeftToes, kRightFoot, kRightToes})
+    if (const int j = c.partJoint[static_cast<std::size_t>(part)]; j >= 0)
+      r.footJoints.push_back(j);
+  return r;
+}
+
+std::vector<std::string> SideWarnings(const Character& c)
+{
+  std::vector<std::string> warnings;
+  for (const std::string& note : c.notes)
+    if (note.find("swapped") != std::string::npos)
+      warnings.push_back(c.role + ": " + note);
+  if (!c.orientation.known)
+    return warnings;
+  for (int part = 0; part < kBodyPartCount; ++part)
+  {
+    if (!IsLeftPart(part))
+      continue;
+    const int l = c.partJoint[static_cast<std::size_t>(part)];
+    const int r = c.partJoint[static_cast<std::size_t>(GetBodyPartInfo(part).mirror)];
+    if (l < 0 || r < 0)
+      continue;
+    const Vector across = c.restGlobal[static_cast<std::size_t>(l)].off - c.restGlobal[static_cast<std::size_t>(r)].off;
+    if (telvo::Dot(across, c.orientation.left) < 0.0)
+      warnings.push_back(c.role + ": " + GetBodyPartInfo(part).name + " " + JointName(*c.file, l) +
+                         " lies on the character's right of " + JointName(*c.file, r) + " in the rest pose");
+  }
+  return warnings;
+}
+
+void DescribePairing(const PreparedRetarget& prepared, bool sourcePresetNamed, bool targetPresetNamed,
+                     ClipReport& report)
+{
+  const Character& source = *prepared.source;
+  const Character& target = *prepared.target;
+  const BvhFile& sf = *source.file;
+  const BvhFile& tf = *target.file;
+  report.described = true;
+  report.sourceCharacter = DescribeCharacter(source, sourcePresetNamed);
+  report.targetCharacter = DescribeCharacter(target, targetPresetNamed);
+  report.sourceOfTarget = prepared.sourceOfTarget;
+  report.pairs.clear();
+  report.unpairedTarget.clear();
+  report.unpairedSource.clear();
+  std::vector<bool> used(sf.joints.size(), false);
+  for (std::size_t t = 0; t < tf.joints.size(); ++t)
+  {
+    const int s = prepared.sourceOfTarget[t];
+    if (s < 0)
+    {
+      report.unpairedTarget.push_back(tf.joints[t].name);
+      continue;
+    }
+    used[static_cast<std::size_t>(s)] = true;
+    report.pairs.push_back(PairRecord{tf.joints[t].name, JointName(sf, s), prepared.pairOrigin[t]});
+  }
+  for (std::size_t s = 0; s < sf.joints.size(); ++s)
+    if (!used[s])
+      report.unpairedSource.push_back(sf.joints[s].name);
+  report.rootScale = prepared.appliedRootScale;
+  report.rootScaleAuto = prepared.rootScale <= 0.0;
+  report.rootMotion = prepared.rootMotion;
+  report.warnings = SideWarnings(source);
+  for (std::string& w : SideWarnings(target))
+    report.warnings.push_back(std::move(w));
+}
+
+std::vector<BoneAngles> MeasureBoneAngles(const BvhFile& source, const BvhFile& output,
+                                          const std::vector<int>& sourceOfTarget)
+{
+  struct Bone
+  {
+    int t, tc, s, sc;
+    double sum = 0.0;
+    double max = 0.0;
+    int frames = 0;
+  };
+  std::vector<Bone> bones;
+  for (std::size_t c = 0; c < output.joints.size() && c < sourceOfTarget.size(); ++c)
+  {
+    const int t = output.joints[c].parent;
+    if (t < 0 || sourceOfTarget[c] < 0 || sourceOfTarget[static_cast<std::size_t>(t)] < 0)
+      continue;
+    bones.push_back(Bone{t, static_cast<int>(c), sourceOfTarget[static_cast<std::size_t>(t)], sourceOfTarget[c]});
+  }
+  std::vector<Matrix> sw;
+  std::vector<Matrix> tw;
+  const int frames = std::min(source.frameCount, output.frameCount);
+  for (int f = 0; f < frames; ++f)
+  {
+    if (!FillWorldMatrices(source, f, sw) || !FillWorldMatrices(output, f, tw))
+      break;
+    for (Bone& b : bones)
+    {
+      const Vector td = tw[static_cast<std::size_t>(b.tc)].off - tw[static_cast<std::size_t>(b.t)].off;
+      const Vector sd = sw[static_cast<std::size_t>(b.sc)].off - sw[static_cast<std::size_t>(b.s)].off;
+      if (telvo::Length(td) < kTinyLength || telvo::Length(sd) < kTinyLength)
+        continue;
+      const double a = AngleDegrees(sd, td);
+      b.sum += a;
+      b.max = std::max(b.max, a);
+      ++b.frames;
+    }
+  }
+  std::vector<BoneAngles> out;
+  for (const Bone& b : bones)
+    if (b.frames > 0)
+      out.push_back(BoneAngles{JointName(output, b.t), JointName(output, b.tc), JointName(source, b.s),
+                               JointName(source, b.sc), b.sum / b.frames, b.max});
+  return out;
+}
+
+FootSliding MeasureFootSliding(const BvhFile& file, int joint, const Vector& up, double band)
+{
+  FootSliding slide;
+  slide.joint = JointName(file, joint);
+  std::vector<Vector> positions;
+  std::vector<Matrix> world;
+  for (int f = 0; f < file.frameCount && FillWorldMatrices(file, f, world); ++f)
+    positions.push_back(world[static_cast<std::size_t>(joint)].off);
+  if (positions.size() < 2)
+    return slide;
+  double lowest = telvo::Dot(positions[0], up);
+  for (const Vector& p : positions)
+    lowest = std::min(lowest, telvo::Dot(p, up));
+  auto low = [&](const Vector& p) { return telvo::Dot(p, up) <= lowest + band; };
+  double travel = 0.0;
+  for (std::size_t f = 0; f + 1 < positions.size(); ++f)
+    if (low(positions[f]) && low(positions[f + 1]))
+    {
+      const Vector d = positions[f + 1] - positions[f];
+      travel += telvo::Length(d - up * telvo::Dot(d, up));
+      slide.lowSeconds += file.frameTime;
+    }
+  slide.speed = slide.lowSeconds > 0.0 ? travel / slide.lowSeconds : 0.0;
+  return slide;
+}
+
+void MeasureQuality(const BvhFile& source, const BvhFile& output, ClipReport& report)
+{
+  report.bones = MeasureBoneAngles(source, output, report.sourceOfTarget);
+  auto feet = [](const BvhFile& file, const CharacterReport& c) {
+    std::vector<FootSliding> slides;
+    if (!c.upKnown)
+      return slides;
+    for (int j : c.footJoints)
+      if (j >= 0 && static_cast<std::size_t>(j) < file.joints.size())
+        slides.push_back(MeasureFootSliding(file, j, c.up, kFootBandShare * c.legLength));
+    return slides;
+  };
+  report.sourceFeet = feet(source, report.sourceCharacter);
+  report.targetFeet = feet(output, report.targetCharacter);
+  report.measured = true;
+}
+
+bool MeasureWrittenQuality(ClipReport& report, std::string& error)
+{
+  BvhFile source;
+  BvhFile output;
+  if (!ReadBvh(report.source, source, error) || !ReadBvh(report.output, output, error))
+    return false;
+  MeasureQuality(source, output, report);
+  return true;
+}
+
+json ReportJson(const std::vector<ClipReport>& clips, double seconds)
+{
+  json list = json::array();
+  int failed = 0;
+  long frames = 0;
+  for (const ClipReport& r : clips)
+  {
+    list.push_back(ClipJson(r));
+    failed += r.ok ? 0 : 1;
+    frames += r.ok ? r.frames : 0;
+  }
+  return {{"clips", list},
+          {"summary",
+           {{"clips", clips.size()}, {"failed", failed}, {"frames", frames}, {"seconds", seconds}}}};
+}
+
+bool WriteReport(const std::string& path, const std::vector<ClipReport>& clips, double seconds, std::string& error)
+{
+  const std::string temporary = path + ".tmp" + std::to_string(getpid());
+  {
+    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+    out << ReportJson(clips, seconds).dump(2) << '\n';
+    out.flush();
+    if (!out)
+    {
+      std::remove(temporary.c_str());
+      error = path + ": cannot write the report";
+      return false;
+    }
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0)
+  {
+    std::remove(temporary.c_str());
+    error = path + ": cannot write the report";
+    return false;
+  }
+  return true;
+}
+
+void PrintReportTable(std::FILE* out, const std::vector<ClipReport>& clips)
+{
+  std::fprintf(out, "%-28s %-15s %6s %8s %-30s %9s %9s %5s\n", "clip", "presets", "pairs", "unpaired",
+               "worst bone (max deg)", "slide src", "slide tgt", "warn");
+  for (const ClipReport& r : clips)
+  {
+    std::string name = r.source.substr(r.source.find_last_of('/') + 1);
+    if (!r.ok)
+    {
+      std::fprintf(out, "%-28s failed: %s\n", name.c_str(), r.error.c_str());
+      continue;
+    }
+    const BoneAngles* worst = nullptr;
+    for (const BoneAngles& b : r.bones)
+      if (worst == nullptr || b.maxDegrees > worst->maxDegrees)
+        worst = &b;
+    char bone[96] = "-";
+    if (worst != nullptr)
+      std::snprintf(bone, sizeof(bone), "%s-%s %.1f", worst->targetJoint.c_str(), worst->targetChild.c_str(),
+                    worst->maxDegrees);
+    const std::string presets = r.sourceCharacter.preset + "/" + r.targetCharacter.preset;
+    std::fprintf(out, "%-28s %-15s %6zu %8zu %-30s %9.3g %9.3g %5zu\n", name.c_str(), presets.c_str(),
+                 r.pairs.size(), r.unpairedTarget.size() + r.unpairedSource.size(), bone,
+                 FastestSlide(r.sourceFeet), FastestSlide(r.targetFeet), r.warnings.size());
+  }
+}
+
+} // namespace kelvara
