@@ -1,5 +1,7 @@
 #include "telvo/objectbase.h"
 
+#include <atomic>
+
 #include "telvo/datatypelib.h"
 #include "telvo/registrybase.h"
 
@@ -35,8 +37,14 @@ void ObjectInterface::RemoveReference() const
 
 const DataType* DataTypeReference::Get() const
 {
-  std::call_once(_once, [this] { _type = Registry::Get().FindDataType(_name); });
-  return _type;
+  // Every instance creation asks: once bound, one acquire load answers without call_once's
+  // per-call setup. A name that found no type keeps taking the slow path (and answering null).
+  if (const DataType* bound = std::atomic_ref<const DataType*>(_type).load(std::memory_order_acquire))
+    return bound;
+  std::call_once(_once, [this] {
+    std::atomic_ref<const DataType*>(_type).store(Registry::Get().FindDataType(_name), std::memory_order_release);
+  });
+  return std::atomic_ref<const DataType*>(_type).load(std::memory_order_acquire);
 }
 
 Result<ObjectRef> ClassInfo::CreateInstance() const
@@ -45,7 +53,9 @@ Result<ObjectRef> ClassInfo::CreateInstance() const
   if (dataType != nullptr)
   {
     const DataType* type = dataType->Get();
-    if (type == nullptr || type->classId == nullptr || std::strcmp(type->classId, classId) != 0)
+    // The registry's copy of the class id is usually the very same string: no strcmp then.
+    if (type == nullptr || type->classId == nullptr ||
+        (type->classId != classId && std::strcmp(type->classId, classId) != 0))
       return TELVO_ERROR(UnexpectedError, "The instance does not carry the data type of its class");
   }
   void* memory = Allocator::Alloc(instanceSize);
