@@ -529,6 +529,15 @@ private:
     static constexpr double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
     static constexpr std::uint64_t kIntPow10[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000,
                                                   1000000000};
+    // Computed values (rotations out of a retarget) have no short decimal form: one test with 9
+    // decimals settles them instead of ten. Below 1e6, v * 1e9 is off its integer by less than
+    // 0.13 whenever some d <= 9 fits, so a miss at 9 decimals means every d misses.
+    if (std::fabs(v) < 1e6)
+    {
+      const double n = std::nearbyint(v * kPow10[9]);
+      if (n / kPow10[9] != v)
+        return false;
+    }
     for (int d = 0; d < 10; ++d)
     {
       const double scaled = v * kPow10[d];
