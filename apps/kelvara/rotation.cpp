@@ -69,8 +69,12 @@ Matrix RotationFromChannels(const std::vector<Channel>& channels, const double* 
   Matrix r;
   for (std::size_t n = 0; n < channels.size(); ++n)
     if (IsRotation(channels[n]))
-      // Reducing whole turns in degrees first keeps large angles (many turns) exact.
-      r = r * AxisRotation(ChannelAxis(channels[n]), std::fmod(values[n], 360.0) * kRadiansPerDegree);
+    {
+      // Reducing whole turns in degrees first keeps large angles (many turns) exact; within one
+      // turn fmod is the identity, and most captured angles are, so the call is skipped there.
+      const double degrees = std::fabs(values[n]) < 360.0 ? values[n] : std::fmod(values[n], 360.0);
+      r = r * AxisRotation(ChannelAxis(channels[n]), degrees * kRadiansPerDegree);
+    }
   return r;
 }
 
