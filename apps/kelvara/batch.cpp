@@ -9,6 +9,7 @@
 
 #include "character.h"
 #include "mapping.h"
+#include "match_rest.h"
 #include "retarget.h"
 #include "telvo/registrybase.h"
 
@@ -106,6 +107,8 @@ private:
       g.status = 1;
       return;
     }
+    if (_settings.matchRest)
+      g.prepared.targetRest = MatchCharacterRest(g.character, _target, g.prepared.sourceOfTarget).targetRest;
     DescribePairing(g.prepared, !_settings.sourcePreset.empty(), !_settings.targetPreset.empty(), g.description);
   }
 

@@ -27,6 +27,7 @@ struct BatchSettings
   std::string targetPreset;
   double rootScale = 0.0; // <= 0: auto
   bool rootMotion = true;
+  bool matchRest = false; // the target's rest re-expressed after each source skeleton's (match_rest.h)
   bool measure = false;   // fill each clip's report with the quality figures of the written files
   bool terminal = false;  // progress as one updating line instead of a line per clip
   std::FILE* progress = stderr;

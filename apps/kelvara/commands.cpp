@@ -86,6 +86,9 @@ int RunCommandLine(int argc, char** argv)
   retargetCommand->add_flag("--no-root-motion", retarget.noRootMotion, "Keep the root in place");
   retargetCommand->add_flag("--timings", retarget.timings, "Print reading, solving and writing times to stderr");
   retargetCommand->add_flag("-q,--quiet", retarget.quiet, "Do not print the joint mapping");
+  const char* const matchRestHelp = "Turn the target's rest pose first so that every mapped bone points where its "
+                                    "source bone points at rest (an A-pose rig from a T-pose clip)";
+  retargetCommand->add_flag("--match-rest", retarget.matchRest, matchRestHelp);
 
   std::string inspectPath;
   std::string inspectPreset;
@@ -94,6 +97,9 @@ int RunCommandLine(int argc, char** argv)
                "fills which body part.");
   inspect->add_option("FILE", inspectPath, "BVH file")->required();
   inspect->add_option("--preset", inspectPreset, "Keyword preset to use instead of the best one");
+  std::string inspectAgainst;
+  inspect->add_option("--against", inspectAgainst,
+                      "Target BVH file: print, per mapped bone, how far its rest pose differs from FILE's (degrees)");
 
   std::string demoOut = "demo_out.bvh";
   int demoFrames = 240;
@@ -102,6 +108,8 @@ int RunCommandLine(int argc, char** argv)
             "the result and print the mapping and a summary. No file needed.");
   demo->add_option("-o,--output", demoOut, "BVH file to write")->capture_default_str();
   demo->add_option("--frames", demoFrames, "Frames of the walk")->capture_default_str()->check(CLI::Range(1, 1000000));
+  bool demoMatchRest = false;
+  demo->add_flag("--match-rest", demoMatchRest, matchRestHelp);
 
   if (argc <= 1)
   {
@@ -136,9 +144,9 @@ int RunCommandLine(int argc, char** argv)
   if (retargetCommand->parsed())
     return RunRetargetCommand(retarget);
   if (inspect->parsed())
-    return RunInspectCommand(inspectPath, inspectPreset);
+    return RunInspectCommand(inspectPath, inspectPreset, inspectAgainst);
   if (demo->parsed())
-    return RunDemoCommand(demoOut, demoFrames);
+    return RunDemoCommand(demoOut, demoFrames, demoMatchRest);
   return 2;
 }
 

@@ -34,6 +34,7 @@ struct RetargetOptions
   bool quiet = false; // no mapping table
   int jobs = 0;       // worker threads of a batch; 0: one per core
   std::string reportPath; // JSON report (report.h); also a table on stdout unless quiet
+  bool matchRest = false; // re-express the target's rest pose after the source's first (match_rest.h)
 };
 
 int RunRetargetCommand(const RetargetOptions& options);
@@ -44,8 +45,10 @@ int RunRetargetCommand(const RetargetOptions& options);
 int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetOptions& options, double readSeconds,
                    double inputBytes);
 
-int RunInspectCommand(const std::string& path, const std::string& preset);
+// againstPath, when not empty: a target skeleton whose rest pose is compared with path's, bone
+// by bone.
+int RunInspectCommand(const std::string& path, const std::string& preset, const std::string& againstPath = "");
 
-int RunDemoCommand(const std::string& outPath, int frames);
+int RunDemoCommand(const std::string& outPath, int frames, bool matchRest = false);
 
 } // namespace kelvara

@@ -7,7 +7,7 @@
 namespace kelvara
 {
 
-int RunDemoCommand(const std::string& outPath, int frames)
+int RunDemoCommand(const std::string& outPath, int frames, bool matchRest)
 {
   BvhFile source = MakeDemoSource(frames);
   source.path = "(built-in walk)";
@@ -18,6 +18,7 @@ int RunDemoCommand(const std::string& outPath, int frames)
               source.joints.size(), source.frameCount, target.joints.size());
   RetargetOptions options;
   options.outPath = outPath;
+  options.matchRest = matchRest;
   return RetargetLoaded(source, target, options, 0.0, 0.0);
 }
 

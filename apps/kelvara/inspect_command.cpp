@@ -4,6 +4,8 @@
 
 #include "character.h"
 #include "commands.h"
+#include "match_rest.h"
+#include "retarget.h"
 #include "telvo/loader.h"
 #include "telvo/registrybase.h"
 
@@ -29,8 +31,59 @@ int Depth(const BvhFile& file, int joint)
   return depth;
 }
 
+// Above this a rest difference shows plainly in the motion; below it matching changes little.
+constexpr double kMatchRestAdvised = 5.0;
+
+// The rest-pose difference, bone by bone, between source (already built) and a target skeleton.
+int CompareRest(Character& source, const BvhFile& against, const telvo::KelvaraHelperRef& helper,
+                const std::string& preset)
+{
+  std::string error;
+  Character target;
+  RetargetJob job;
+  job.source = &source;
+  job.target = &target;
+  job.helper = helper;
+  if (!BuildCharacter(against, "target", target, error) || !ChooseAndFillPreset(target, helper, preset, error) ||
+      !job.Validate(error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+  const RestMatch match = MatchCharacterRest(source, target, job.sourceOfTarget);
+  const BvhFile& sf = *source.file;
+  auto name = [](const BvhFile& f, int j) { return f.joints[static_cast<std::size_t>(j)].name; };
+  std::printf("rest pose against %s (preset %s), per mapped bone: degrees between the bone directions as built and "
+              "with --match-rest:\n",
+              against.path.c_str(), target.preset.c_str());
+  for (std::size_t b = 0; b < match.bones.size(); ++b)
+  {
+    const MappedBone& bone = match.bones[b];
+    const std::string targetBone = name(against, bone.targetJoint) + " -> " + name(against, bone.targetChild);
+    const std::string sourceBone = name(sf, bone.sourceJoint) + " -> " + name(sf, bone.sourceChild);
+    std::printf("  %-32s %-32s %7.2f %7.2f\n", targetBone.c_str(), sourceBone.c_str(), match.before[b],
+                match.after[b]);
+  }
+  if (match.bones.empty())
+  {
+    std::printf("no mapped bones: nothing to compare\n");
+    return 0;
+  }
+  // Judged by what matching removes: a difference of proportions (a wider pelvis) stays anyway.
+  std::size_t worst = 0;
+  for (std::size_t b = 1; b < match.bones.size(); ++b)
+    if (match.before[b] - match.after[b] > match.before[worst] - match.after[worst])
+      worst = b;
+  const MappedBone& bone = match.bones[worst];
+  const double removed = match.before[worst] - match.after[worst];
+  std::printf("largest rest difference that matching removes: %.3g degrees (%s -> %s): --match-rest is %s\n",
+              removed, name(against, bone.targetJoint).c_str(), name(against, bone.targetChild).c_str(),
+              removed > kMatchRestAdvised ? "advised" : "not needed");
+  return 0;
+}
+
 // Holds every module object of the command, released before the module is unloaded.
-int Inspect(const BvhFile& file, const std::string& preset)
+int Inspect(const BvhFile& file, const std::string& preset, const BvhFile* against)
 {
   std::string error;
   telvo::Result<telvo::KelvaraHelperRef> helper =
@@ -81,16 +134,17 @@ int Inspect(const BvhFile& file, const std::string& preset)
                 c.orientation.left.z, HipHeight(c));
   for (const std::string& note : c.notes)
     std::printf("note: %s\n", note.c_str());
-  return 0;
+  return against != nullptr ? CompareRest(c, *against, helper.GetValue(), preset) : 0;
 }
 
 } // namespace
 
-int RunInspectCommand(const std::string& path, const std::string& preset)
+int RunInspectCommand(const std::string& path, const std::string& preset, const std::string& againstPath)
 {
   BvhFile file;
+  BvhFile against;
   std::string error;
-  if (!ReadBvh(path, file, error))
+  if (!ReadBvh(path, file, error) || (!againstPath.empty() && !ReadBvh(againstPath, against, error)))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 2;
@@ -108,7 +162,7 @@ int RunInspectCommand(const std::string& path, const std::string& preset)
     std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
     return 1;
   }
-  const int status = Inspect(file, preset);
+  const int status = Inspect(file, preset, againstPath.empty() ? nullptr : &against);
   module->Unload();
   return status;
 }

@@ -14,6 +14,7 @@
 #include "character.h"
 #include "commands.h"
 #include "mapping.h"
+#include "match_rest.h"
 #include "report.h"
 #include "retarget.h"
 #include "telvo/loader.h"
@@ -96,7 +97,18 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
   job.mapPairs = mapPairs;
   job.rootScale = rootScale;
   job.rootMotion = !options.noRootMotion;
-  if (!job.Validate(error) || !job.Run(error))
+  if (!job.Validate(error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+  RestMatch restMatch;
+  if (options.matchRest)
+  {
+    restMatch = MatchCharacterRest(sourceCharacter, targetCharacter, job.sourceOfTarget);
+    job.targetRest = restMatch.targetRest;
+  }
+  if (!job.Run(error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
@@ -125,6 +137,14 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
   if (!options.noRootMotion)
     std::printf(", scale %.6g%s", job.appliedRootScale, rootScale <= 0.0 ? " (auto)" : "");
   std::printf("\n");
+  if (const int worst = restMatch.WorstBefore(); worst >= 0)
+  {
+    const MappedBone& bone = restMatch.bones[static_cast<std::size_t>(worst)];
+    std::printf("rest pose matched: %zu mapped bones; largest difference %.3g degrees (%s -> %s) before, %.3g after\n",
+                restMatch.bones.size(), restMatch.before[static_cast<std::size_t>(worst)],
+                target.joints[static_cast<std::size_t>(bone.targetJoint)].name.c_str(),
+                target.joints[static_cast<std::size_t>(bone.targetChild)].name.c_str(), restMatch.MaxAfter());
+  }
   for (const std::string& note : job.notes)
     std::printf("  note: %s\n", note.c_str());
   if (report != nullptr)
@@ -241,6 +261,7 @@ int RetargetBatch(const RetargetOptions& options)
   settings.sourcePreset = options.sourcePreset.empty() ? options.preset : options.sourcePreset;
   settings.targetPreset = options.targetPreset.empty() ? options.preset : options.targetPreset;
   settings.rootMotion = !options.noRootMotion;
+  settings.matchRest = options.matchRest;
   settings.measure = !options.reportPath.empty();
   settings.terminal = isatty(2) != 0;
   if (!ParseRootScale(options.rootScale, settings.rootScale))
