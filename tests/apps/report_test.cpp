@@ -1,0 +1,225 @@
+// Report figures on constructed motion whose right answers are known: bone angles, foot sliding,
+// side warnings, the preset reasons and the JSON's key style.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+
+#include "character.h"
+#include "demo.h"
+#include "report.h"
+#include "support/loaded_module.h"
+#include "telvo/registrybase.h"
+
+namespace kelvara
+{
+namespace
+{
+
+using telvo::Vector;
+
+BvhJoint Joint(const std::string& name, int parent, Vector offset, std::vector<Channel> channels)
+{
+  BvhJoint j;
+  j.name = name;
+  j.parent = parent;
+  j.offset = offset;
+  j.channels = std::move(channels);
+  return j;
+}
+
+// Hips (positions, then Z rotation) -> Spine (Z rotation) -> Head (no channels), one row per
+// entry of frames: {x, y, z, hips Z degrees, spine Z degrees}.
+BvhFile Chain(const std::vector<std::array<double, 5>>& frames, double frameTime = 0.1)
+{
+  BvhFile f;
+  f.joints.push_back(
+    Joint("Hips", -1, Vector(), {Channel::Xposition, Channel::Yposition, Channel::Zposition, Channel::Zrotation}));
+  f.joints.push_back(Joint("Spine", 0, Vector(0, 1, 0), {Channel::Zrotation}));
+  f.joints.push_back(Joint("Head", 1, Vector(0, 1, 0), {}));
+  f.joints[1].firstChannel = 4;
+  f.joints[2].firstChannel = 5;
+  f.channelCount = 5;
+  f.frameTime = frameTime;
+  f.frameCount = static_cast<int>(frames.size());
+  for (const auto& row : frames)
+    f.motion.insert(f.motion.end(), row.begin(), row.end());
+  return f;
+}
+
+TEST(ReportBoneAngles, KnownRotationsGiveTheirMeanAndMaximum)
+{
+  const BvhFile source = Chain({{0, 0, 0, 0, 15}, {0, 0, 0, 0, 15}, {0, 0, 0, 0, 15}});
+  // The target's hips turn 10, 20, 30 degrees more than the source's; its spine turns back by as
+  // much, so that the spine-to-head bone points where the source's does.
+  const BvhFile target = Chain({{5, 0, 0, 10, 5}, {5, 0, 0, 20, -5}, {5, 0, 0, 30, -15}});
+  const std::vector<BoneAngles> bones = MeasureBoneAngles(source, target, {0, 1, 2});
+  ASSERT_EQ(bones.size(), 2u);
+  EXPECT_EQ(bones[0].targetJoint, "Hips");
+  EXPECT_EQ(bones[0].targetChild, "Spine");
+  EXPECT_NEAR(bones[0].meanDegrees, 20.0, 1e-9);
+  EXPECT_NEAR(bones[0].maxDegrees, 30.0, 1e-9);
+  EXPECT_EQ(bones[1].sourceChild, "Head");
+  EXPECT_NEAR(bones[1].meanDegrees, 0.0, 1e-6);
+  EXPECT_NEAR(bones[1].maxDegrees, 0.0, 1e-6);
+
+  // A child without a partner makes no bone, and the source's joints are found through the pairs.
+  const std::vector<BoneAngles> partial = MeasureBoneAngles(source, target, {0, 1, -1});
+  ASSERT_EQ(partial.size(), 1u);
+  const std::vector<BoneAngles> crossed = MeasureBoneAngles(source, target, {1, 2, -1});
+  ASSERT_EQ(crossed.size(), 1u);
+  EXPECT_EQ(crossed[0].sourceJoint, "Spine");
+  EXPECT_EQ(crossed[0].sourceChild, "Head");
+  // Source spine-to-head at 15 degrees, target hips-to-spine at 10, 20, 30.
+  EXPECT_NEAR(crossed[0].meanDegrees, (5.0 + 5.0 + 15.0) / 3.0, 1e-9);
+  EXPECT_NEAR(crossed[0].maxDegrees, 15.0, 1e-9);
+}
+
+// The root stands for a foot joint: its position channels move it over the ground and lift it.
+TEST(ReportFootSliding, SpeedWhileLowIsMeasuredAndLiftedFramesAreLeftOut)
+{
+  const double speed = 0.5;
+  const double dt = 0.1;
+  const Vector up(0, 1, 0);
+  std::vector<std::array<double, 5>> sliding;
+  // Ten frames on the ground sliding along X and Z at `speed` with a jitter in height that stays
+  // inside the band, then five lifted frames moving fast, then five more sliding frames.
+  for (int f = 0; f < 10; ++f)
+    sliding.push_back({0.6 * speed * f * dt, (f % 2) * 0.01, 0.8 * speed * f * dt, 0, 0});
+  for (int f = 0; f < 5; ++f)
+    sliding.push_back({10.0 + f, 1.0, 0, 0, 0});
+  for (int f = 0; f < 5; ++f)
+    sliding.push_back({20.0 + speed * f * dt, 0.0, 0, 0, 0});
+  const FootSliding slide = MeasureFootSliding(Chain(sliding, dt), 0, up, 0.02);
+  EXPECT_EQ(slide.joint, "Hips");
+  EXPECT_NEAR(slide.lowSeconds, (9 + 4) * dt, 1e-12);
+  // The height jitter is no travel: only what is square to up counts.
+  EXPECT_NEAR(slide.speed, speed, 1e-9);
+
+  std::vector<std::array<double, 5>> planted;
+  for (int f = 0; f < 10; ++f)
+    planted.push_back({3, f < 5 ? 0.0 : 2.0 + f, 4, 0, 0});
+  const FootSliding still = MeasureFootSliding(Chain(planted, dt), 0, up, 0.02);
+  EXPECT_EQ(still.speed, 0.0);
+  EXPECT_NEAR(still.lowSeconds, 4 * dt, 1e-12);
+
+  // The other joints ride on the root: the head, two units up, slides just the same; with up
+  // along X the "height" is X and the sliding is measured in Y and Z.
+  EXPECT_NEAR(MeasureFootSliding(Chain(sliding, dt), 2, up, 0.02).speed, speed, 1e-9);
+  const FootSliding sideways = MeasureFootSliding(Chain(planted, dt), 0, Vector(1, 0, 0), 0.02);
+  EXPECT_NEAR(sideways.lowSeconds, 9 * dt, 1e-12);
+  EXPECT_GT(sideways.speed, 0.0);
+}
+
+class ReportCharacterTest : public ::testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    kelvara_test::LoadedModuleForTests();
+    telvo::Result<telvo::KelvaraHelperRef> helper =
+      telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
+    ASSERT_TRUE(helper.IsOk());
+    _helper = helper.GetValue();
+  }
+
+  void Build(const BvhFile& file, const std::string& role, Character& c, const std::string& preset = "")
+  {
+    std::string error;
+    ASSERT_TRUE(BuildCharacter(file, role, c, error)) << error;
+    ASSERT_TRUE(ChooseAndFillPreset(c, _helper, preset, error)) << error;
+  }
+
+  telvo::KelvaraHelperRef _helper;
+};
+
+TEST_F(ReportCharacterTest, PresetReasonsAndSwappedSides)
+{
+  const BvhFile target = MakeDemoTarget();
+  Character plain;
+  Build(target, "target", plain);
+  ASSERT_EQ(plain.presetTrials.size(), GetPresets().size());
+  const CharacterReport report = DescribeCharacter(plain, false);
+  EXPECT_EQ(report.filledBodyParts, kBodyPartCount);
+  EXPECT_NE(report.presetReason.find("filled 21 body parts"), std::string::npos) << report.presetReason;
+  for (const PresetTrial& t : plain.presetTrials)
+    if (t.preset != plain.preset)
+    {
+      EXPECT_NE(report.presetReason.find(t.preset + " " + std::to_string(t.filled)), std::string::npos);
+    }
+  EXPECT_EQ(report.footJoints.size(), 4u);
+  EXPECT_GT(report.legLength, 0.0);
+  EXPECT_TRUE(SideWarnings(plain).empty());
+  EXPECT_EQ(DescribeCharacter(plain, true).presetReason, "named on the command line");
+
+  // The same rig mirrored: every joint named left now lies on the character's right.
+  BvhFile mirrored = target;
+  for (BvhJoint& j : mirrored.joints)
+    j.offset.x = -j.offset.x;
+  Character swapped;
+  Build(mirrored, "target", swapped);
+  const std::vector<std::string> warnings = SideWarnings(swapped);
+  ASSERT_EQ(warnings.size(), 2u) << ::testing::PrintToString(warnings);
+  EXPECT_NE(warnings[0].find("target: left and right arm swapped"), std::string::npos) << warnings[0];
+  EXPECT_NE(warnings[1].find("leg swapped"), std::string::npos) << warnings[1];
+}
+
+// Every key of the report, however deep, is lower camel case; failed clips keep their message.
+TEST(ReportJson, KeysAreLowerCamelCaseAndFailuresKeepTheirMessage)
+{
+  ClipReport ok;
+  ok.source = "walk.bvh";
+  ok.output = "out/walk.bvh";
+  ok.ok = true;
+  ok.frames = 3;
+  ok.described = true;
+  ok.sourceCharacter.candidates = {PresetTrial{"cmu", 21, 30}};
+  ok.pairs = {PairRecord{"pelvis", "Hips", "body part Hips"}};
+  ok.unpairedSource = {"LowerBack"};
+  ok.measured = true;
+  ok.bones = {BoneAngles{"pelvis", "spine_01", "Hips", "Spine", 1.0, 2.0}};
+  ok.targetFeet = {FootSliding{"foot_l", 0.5, 1.0}};
+  ClipReport failed;
+  failed.source = "broken.bvh";
+  failed.error = "broken.bvh:9: expected a number, found 'x'";
+
+  const std::filesystem::path path = std::filesystem::temp_directory_path() / "kelvara_report_test.json";
+  std::string error;
+  ASSERT_TRUE(WriteReport(path.string(), {ok, failed}, 1.5, error)) << error;
+  std::ifstream in(path);
+  const nlohmann::json json = nlohmann::json::parse(in);
+  std::filesystem::remove(path);
+
+  const std::regex camel("[a-z][a-zA-Z0-9]*");
+  int keys = 0;
+  std::function<void(const nlohmann::json&)> walk = [&](const nlohmann::json& j) {
+    if (j.is_object())
+      for (const auto& [key, value] : j.items())
+      {
+        ++keys;
+        EXPECT_TRUE(std::regex_match(key, camel)) << key;
+        walk(value);
+      }
+    else if (j.is_array())
+      for (const nlohmann::json& e : j)
+        walk(e);
+  };
+  walk(json);
+  EXPECT_GT(keys, 40);
+  ASSERT_EQ(json["clips"].size(), 2u);
+  EXPECT_EQ(json["clips"][0]["status"], "ok");
+  EXPECT_EQ(json["clips"][0]["bones"][0]["maxAngleDegrees"], 2.0);
+  EXPECT_EQ(json["clips"][0]["footSliding"]["target"][0]["speed"], 0.5);
+  EXPECT_EQ(json["clips"][1]["status"], "failed");
+  EXPECT_EQ(json["clips"][1]["error"], failed.error);
+  EXPECT_FALSE(json["clips"][1].contains("bones"));
+  EXPECT_EQ(json["summary"]["failed"], 1);
+  EXPECT_EQ(json["summary"]["frames"], 3);
+}
+
+} // namespace
+} // namespace kelvara
