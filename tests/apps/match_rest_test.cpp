@@ -139,6 +139,12 @@ TEST(RestMatch, MatchesBonesThroughUnmappedJointsAndKeepsTheirLocalRotations)
   for (double angle : BoneDirectionAngles(bones, sourceRest, matched))
     EXPECT_LT(angle, 1e-9);
   EXPECT_LT(MaxDifference(telvo::Inverse(telvo::Rotation3(matched[1])) * telvo::Rotation3(matched[2]), Matrix()), 1e-12);
+  // a turns relative to root by a swing alone: about an axis square to its bone, no twist.
+  const Matrix swing = telvo::Inverse(telvo::Rotation3(matched[0])) * telvo::Rotation3(matched[1]);
+  const Vector bone{0, 2, 0};
+  const Vector axis = telvo::Cross(bone, telvo::TransformDirection(swing, bone));
+  ASSERT_GT(telvo::Length(axis), 0.1);
+  EXPECT_LT(telvo::Length(telvo::TransformDirection(swing, axis) - axis), 1e-12);
   // Positions follow the turned hierarchy with the target's own offsets.
   EXPECT_NEAR(telvo::Length(matched[3].off - matched[2].off), 1.0, 1e-12);
 }
