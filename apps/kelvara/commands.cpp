@@ -90,6 +90,31 @@ int RunCommandLine(int argc, char** argv)
                                     "source bone points at rest (an A-pose rig from a T-pose clip)";
   retargetCommand->add_flag("--match-rest", retarget.matchRest, matchRestHelp);
 
+  std::string characterBvh;
+  std::string characterOut;
+  std::string characterPreset;
+  CLI::App* characterCommand = app.add_subcommand(
+    "character", "Build a character from a BVH file (skeleton, rest pose, body parts filled by a preset) and save it "
+                 "as JSON, to be given later as --target CHAR.json or --source-character CHAR.json.");
+  characterCommand->add_option("FILE", characterBvh, "BVH file")->required();
+  characterCommand->add_option("-o,--output", characterOut, "JSON file to write")->required();
+  characterCommand->add_option("--preset", characterPreset, "Keyword preset to use instead of the best one");
+
+  PreviewCommandOptions previewOptions;
+  CLI::App* previewCommand = app.add_subcommand(
+    "preview", "Draw SOURCE and its retargeted OUT side by side as stick figures (front and side view) at the chosen "
+               "frames into a PNG, mapped bones in matching colours.");
+  previewCommand->add_option("SOURCE", previewOptions.sourcePath, "BVH file that gave the motion")->required();
+  previewCommand->add_option("OUT", previewOptions.outputPath, "Retargeted BVH file")->required();
+  previewCommand->add_option("--frames", previewOptions.frames, "Frames to draw, e.g. 0,100,200 (-1: rest pose)")
+    ->delimiter(',');
+  previewCommand->add_option("-o,--output", previewOptions.pngPath, "PNG file to write")->capture_default_str();
+  previewCommand->add_option("--panel-size", previewOptions.panelSize, "Side of one panel in pixels")
+    ->capture_default_str()
+    ->check(CLI::Range(64, 4096));
+  previewCommand->add_option("--preset", previewOptions.preset, "Keyword preset given to the retarget");
+  previewCommand->add_option("--map", previewOptions.mapPath, "Joint map given to the retarget");
+
   std::string inspectPath;
   std::string inspectPreset;
   CLI::App* inspect = app.add_subcommand(
@@ -122,7 +147,8 @@ int RunCommandLine(int argc, char** argv)
     std::fputs(app.help().c_str(), stdout);
     return 0;
   }
-  const bool known = first == "modules" || first == "retarget" || first == "inspect" || first == "demo";
+  const bool known = first == "modules" || first == "retarget" || first == "inspect" || first == "character" ||
+                     first == "preview" || first == "demo";
   if (!first.empty() && first[0] != '-' && !known)
   {
     std::fprintf(stderr, "kelvara: unknown command '%s'\n\n%s", first.c_str(), app.help().c_str());
@@ -143,6 +169,10 @@ int RunCommandLine(int argc, char** argv)
     return RunModulesCommand(modulePaths);
   if (retargetCommand->parsed())
     return RunRetargetCommand(retarget);
+  if (previewCommand->parsed())
+    return RunPreviewCommand(previewOptions);
+  if (characterCommand->parsed())
+    return RunCharacterCommand(characterBvh, characterOut, characterPreset);
   if (inspect->parsed())
     return RunInspectCommand(inspectPath, inspectPreset, inspectAgainst);
   if (demo->parsed())

@@ -45,6 +45,23 @@ int RunRetargetCommand(const RetargetOptions& options);
 int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetOptions& options, double readSeconds,
                    double inputBytes);
 
+// Builds a character from a BVH file and saves it as JSON (character_file.h).
+int RunCharacterCommand(const std::string& bvhPath, const std::string& outPath, const std::string& preset);
+
+struct PreviewCommandOptions
+{
+  std::string sourcePath; // the clip that gave the motion
+  std::string outputPath; // the retargeted clip
+  std::string pngPath = "preview.png";
+  std::vector<int> frames; // empty: first, middle and last
+  int panelSize = 320;
+  std::string preset; // as given to the retarget, so that the same joints pair up
+  std::string mapPath;
+};
+
+// Draws source and retargeted output side by side (preview.h).
+int RunPreviewCommand(const PreviewCommandOptions& options);
+
 // againstPath, when not empty: a target skeleton whose rest pose is compared with path's, bone
 // by bone.
 int RunInspectCommand(const std::string& path, const std::string& preset, const std::string& againstPath = "");
