@@ -156,10 +156,26 @@ bool SaveCharacter(const Character& character, const std::string& path, std::str
   return WriteFileAtomically(path, out.dump(1, '\t') + "\n", error);
 }
 
-bool LoadSavedCharacterFromText(const std::string& text, const std::string& displayName, SavedCharacter& out,
-                                std::string& error)
+namespace
 {
-  json in = json::parse(text, nullptr, false);
+
+bool ReadFileText(const std::string& path, std::string& text, std::string& error)
+{
+  std::ifstream file(path, std::ios::binary);
+  if (!file)
+  {
+    error = "cannot read '" + path + "'";
+    return false;
+  }
+  std::ostringstream buffer;
+  buffer << file.rdbuf();
+  text = buffer.str();
+  return true;
+}
+
+bool ParseSaved(const std::string& text, const std::string& displayName, json& in, std::string& error)
+{
+  in = json::parse(text, nullptr, false);
   if (in.is_discarded())
   {
     // Parse again with the parser's own message for the line of the first fault.
@@ -181,6 +197,28 @@ bool LoadSavedCharacterFromText(const std::string& text, const std::string& disp
     return Fail(error, displayName, "/format", "\"kelvara character\"", in.is_object() ? in.value("format", json()) : in);
   if (in.value("version", json()) != kVersion)
     return Fail(error, displayName, "/version", "1", in.value("version", json()));
+  return true;
+}
+
+} // namespace
+
+bool ReadSavedSkeleton(const std::string& path, BvhFile& out, std::string& error)
+{
+  std::string text;
+  json in;
+  if (!ReadFileText(path, text, error) || !ParseSaved(text, path, in, error))
+    return false;
+  out = BvhFile();
+  out.path = path;
+  return ReadSkeleton(in.value("skeleton", json()), path, out, error);
+}
+
+bool LoadSavedCharacterFromText(const std::string& text, const std::string& displayName, SavedCharacter& out,
+                                std::string& error)
+{
+  json in;
+  if (!ParseSaved(text, displayName, in, error))
+    return false;
   const json preset = in.value("preset", json());
   if (!preset.is_string())
     return Fail(error, displayName, "/preset", "a preset name", preset);
@@ -212,15 +250,8 @@ bool LoadSavedCharacterFromText(const std::string& text, const std::string& disp
 
 bool LoadSavedCharacter(const std::string& path, SavedCharacter& out, std::string& error)
 {
-  std::ifstream file(path, std::ios::binary);
-  if (!file)
-  {
-    error = "cannot read '" + path + "'";
-    return false;
-  }
-  std::ostringstream text;
-  text << file.rdbuf();
-  return LoadSavedCharacterFromText(text.str(), path, out, error);
+  std::string text;
+  return ReadFileText(path, text, error) && LoadSavedCharacterFromText(text, path, out, error);
 }
 
 bool CharacterFromSaved(const SavedCharacter& saved, Character& out, std::string& error)

@@ -36,6 +36,10 @@ bool LoadSavedCharacter(const std::string& path, SavedCharacter& out, std::strin
 bool LoadSavedCharacterFromText(const std::string& text, const std::string& displayName, SavedCharacter& out,
                                 std::string& error);
 
+// Only the skeleton of a saved character (no module needed): the hierarchy the output is written
+// in. Errors as LoadSavedCharacter's.
+bool ReadSavedSkeleton(const std::string& path, BvhFile& out, std::string& error);
+
 // A Character made from the saved objects themselves (not rebuilt from the skeleton): the
 // definition's tree, rest pose and filled body parts. `saved` must outlive `out`.
 bool CharacterFromSaved(const SavedCharacter& saved, Character& out, std::string& error);

@@ -12,6 +12,7 @@
 
 #include "batch.h"
 #include "character.h"
+#include "character_file.h"
 #include "commands.h"
 #include "mapping.h"
 #include "match_rest.h"
@@ -82,9 +83,24 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
       return 2;
     }
   if (!BuildCharacter(source, "source", sourceCharacter, error) ||
-      !ChooseAndFillPreset(sourceCharacter, helper.GetValue(), sourcePreset, error) ||
-      !BuildCharacter(target, "target", targetCharacter, error) ||
-      !ChooseAndFillPreset(targetCharacter, helper.GetValue(), targetPreset, error))
+      !ChooseAndFillPreset(sourceCharacter, helper.GetValue(), sourcePreset, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+  // A saved target is used as saved: its tree, rest pose and filled body parts.
+  SavedCharacter savedTarget;
+  if (IsSavedCharacterPath(options.targetPath))
+  {
+    if (!LoadSavedCharacter(options.targetPath, savedTarget, error) ||
+        !CharacterFromSaved(savedTarget, targetCharacter, error))
+    {
+      std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+      return 2;
+    }
+  }
+  else if (!BuildCharacter(target, "target", targetCharacter, error) ||
+           !ChooseAndFillPreset(targetCharacter, helper.GetValue(), targetPreset, error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
@@ -284,6 +300,12 @@ int RetargetBatch(const RetargetOptions& options)
   }
   BvhFile target;
   std::string error;
+  if (IsSavedCharacterPath(options.targetPath))
+  {
+    std::fprintf(stderr, "kelvara: a saved character as the target of several clips is not supported yet; give its "
+                         "BVH file\n");
+    return 2;
+  }
   if (!ReadBvh(options.targetPath, target, error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
@@ -339,7 +361,9 @@ int RunRetargetCommand(const RetargetOptions& given)
   BvhFile source;
   BvhFile target;
   std::string error;
-  if (!ReadBvh(options.sourcePath, source, error) || !ReadBvh(options.targetPath, target, error))
+  const bool targetRead = IsSavedCharacterPath(options.targetPath) ? ReadSavedSkeleton(options.targetPath, target, error)
+                                                                     : ReadBvh(options.targetPath, target, error);
+  if (!ReadBvh(options.sourcePath, source, error) || !targetRead)
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 2;

@@ -248,3 +248,37 @@ TEST_F(CliTest, RetargetOutputLoadsInAnotherReader)
 }
 
 } // namespace
+
+namespace
+{
+
+// A character saved once and given as the target retargets byte for byte like its BVH file, and
+// the preview of the result is a picture.
+TEST_F(CliTest, SavedTargetRetargetsLikeItsBvhAndPreviews)
+{
+  if (!fs::exists(kCmuClip))
+    GTEST_SKIP() << kCmuClip << " is not installed";
+  ASSERT_EQ(Kelvara("demo -o target.bvh --frames 2").status, 0);
+  Outcome saved = Kelvara("character target.bvh -o target.json");
+  ASSERT_EQ(saved.status, 0) << saved.err;
+  EXPECT_NE(saved.out.find("21 of 21 body parts filled"), std::string::npos) << saved.out;
+
+  ASSERT_EQ(Kelvara(std::string("retarget ") + kCmuClip + " --target target.bvh -o from_bvh.bvh -q").status, 0);
+  Outcome fromJson = Kelvara(std::string("retarget ") + kCmuClip + " --target target.json -o from_json.bvh -q");
+  ASSERT_EQ(fromJson.status, 0) << fromJson.err;
+  EXPECT_EQ(Slurp(_dir / "from_json.bvh"), Slurp(_dir / "from_bvh.bvh"));
+
+  Outcome preview = Kelvara(std::string("preview ") + kCmuClip + " from_json.bvh --frames 0,100 -o p.png --panel-size 100");
+  ASSERT_EQ(preview.status, 0) << preview.err;
+  EXPECT_GT(fs::file_size(_dir / "p.png"), 1000u);
+
+  // A broken saved character is refused with its path and nothing is written.
+  Write("broken.json", "{\"format\": \"kelvara character\", \"version\": 1, \"preset\": \"cmu\", \"skeleton\": 3}");
+  Outcome broken = Kelvara(std::string("retarget ") + kCmuClip + " --target broken.json -o never.bvh");
+  EXPECT_EQ(broken.status, 2);
+  EXPECT_NE(broken.err.find("broken.json: /skeleton: expected a non-empty array of joints, found 3"), std::string::npos)
+    << broken.err;
+  EXPECT_FALSE(fs::exists(_dir / "never.bvh"));
+}
+
+} // namespace
