@@ -101,6 +101,7 @@ TEST(CharacterPoseLookup, FirstMatchInArrayOrderByValueWithoutAllocating)
 
 TEST(CharacterPoseLookup, NullAndEmptyIds)
 {
+  kelvara_test::LoadedModuleForTests();
   // A null slot reads as the empty Uuid: it answers a lookup of the null or the all-zero id, with
   // a null reference, and hides later elements without an id.
   CharacterNodeTransform noId = kelvara_test::Value(CreateObject<CharacterNodeTransform>(
