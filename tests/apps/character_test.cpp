@@ -15,7 +15,7 @@ namespace
 
 using telvo::Vector;
 
-struct Spec
+struct JointSketch
 {
   const char* name;
   int parent;
@@ -23,11 +23,11 @@ struct Spec
 };
 
 // A skeleton without motion; every joint gets three rotation channels, the root six.
-BvhFile Skeleton(const std::string& path, std::initializer_list<Spec> specs)
+BvhFile Skeleton(const std::string& path, std::initializer_list<JointSketch> sketches)
 {
   BvhFile f;
   f.path = path;
-  for (const Spec& s : specs)
+  for (const JointSketch& s : sketches)
   {
     BvhJoint j;
     j.name = s.name;
