@@ -78,6 +78,20 @@ bool ParseJointMap(std::string_view text, const std::string& displayName, const 
             ": expected a JSON object of joint names, found invalid JSON (" + what + ")";
     return false;
   }
+  catch (const nlohmann::json::out_of_range& e)
+  {
+    // A number beyond the range of a double ("1e500") is reported this way, without a position:
+    // the message quotes the number, which is looked up in the text.
+    const std::string what = e.what();
+    const std::size_t open = what.find('\'');
+    const std::size_t close = open == std::string::npos ? open : what.find('\'', open + 1);
+    const std::size_t at =
+      close == std::string::npos ? 0 : text.find(std::string_view(what).substr(open + 1, close - open - 1));
+    error = displayName + ":" + std::to_string(LineAt(text, at == std::string_view::npos ? 0 : at)) +
+            ": expected a JSON object of joint names, found a number out of range (" +
+            what.substr(what.find(' ') + 1) + ")";
+    return false;
+  }
   if (!document.is_object())
   {
     error = displayName + ":1: expected a JSON object {\"target joint\": \"source joint\", ...}, found " +

@@ -25,10 +25,38 @@ namespace
 using nlohmann::json;
 using namespace telvo;
 
+// Compact JSON text of value, stopping once longer than limit: every level of nesting adds a
+// character, so this never recurses deeper than limit (dump() would follow all the nesting).
+void AppendShort(const json& value, std::size_t limit, std::string& text)
+{
+  if (!value.is_array() && !value.is_object())
+  {
+    text += value.dump();
+    return;
+  }
+  text += value.is_array() ? '[' : '{';
+  for (auto it = value.begin(); it != value.end() && text.size() <= limit; ++it)
+  {
+    if (it != value.begin())
+      text += ',';
+    if (value.is_object())
+      text += json(it.key()).dump() + ':';
+    AppendShort(*it, limit, text);
+  }
+  text += value.is_array() ? ']' : '}';
+}
+
 std::string Found(const json& value)
 {
-  std::string text = value.dump();
-  return text.size() > 60 ? text.substr(0, 57) + "..." : text;
+  std::string text;
+  AppendShort(value, 60, text);
+  if (text.size() <= 60)
+    return text;
+  // Cut between characters, not inside one: messages may end up in JSON, which needs UTF-8.
+  std::size_t cut = 57;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80)
+    --cut;
+  return text.substr(0, cut) + "...";
 }
 
 bool Fail(std::string& error, const std::string& path, const std::string& expected, const json& found)
@@ -426,13 +454,40 @@ bool ObjectToJsonAt(const ObjectInterface& object, json& out, std::string& error
   return true;
 }
 
+// Stands for an absent value in messages. A reference, so that "found ? Missing() : *it" does
+// not copy the value found (a copy recurses once per level of its nesting).
+const json& Missing()
+{
+  static const json null;
+  return null;
+}
+
+// Objects nest (children, references) by recursion: a file nesting them deeper than this is
+// refused rather than let exhaust the stack. Far beyond any skeleton a person would rig.
+constexpr int kMaxObjectDepth = 1000;
+thread_local int t_objectDepth = 0;
+
+struct ObjectDepthScope
+{
+  ObjectDepthScope() { ++t_objectDepth; }
+  ~ObjectDepthScope() { --t_objectDepth; }
+  ObjectDepthScope(const ObjectDepthScope&) = delete;
+  ObjectDepthScope& operator=(const ObjectDepthScope&) = delete;
+};
+
 bool ObjectFromJsonAt(const json& in, const std::string& path, ObjectRef& out, std::string& error)
 {
+  const ObjectDepthScope depth;
+  if (t_objectDepth > kMaxObjectDepth)
+  {
+    error = path + ": expected objects nested at most " + std::to_string(kMaxObjectDepth) + " deep";
+    return false;
+  }
   if (!in.is_object())
     return Fail(error, path, "an object", in);
   auto classId = in.find("class");
   if (classId == in.end() || !classId->is_string())
-    return Fail(error, path + "/class", "a class id", classId == in.end() ? json(nullptr) : *classId);
+    return Fail(error, path + "/class", "a class id", classId == in.end() ? Missing() : *classId);
   const ClassInfo* cls = Registry::Get().FindClass(classId->get_ref<const std::string&>());
   if (cls == nullptr)
     return Fail(error, path + "/class", "the id of a class the module registers", *classId);
@@ -446,7 +501,7 @@ bool ObjectFromJsonAt(const json& in, const std::string& path, ObjectRef& out, s
 
   auto values = in.find("members");
   if (values == in.end() || !values->is_object())
-    return Fail(error, path + "/members", "an object of members", values == in.end() ? json(nullptr) : *values);
+    return Fail(error, path + "/members", "an object of members", values == in.end() ? Missing() : *values);
   std::vector<std::pair<void*, Member>> members;
   if (!CollectMembers(*object, members, error))
     return false;
