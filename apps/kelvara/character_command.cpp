@@ -19,13 +19,9 @@ int RunCharacterCommand(const std::string& bvhPath, const std::string& outPath, 
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 2;
   }
-  std::string why;
-  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
   if (!module)
-  {
-    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
     return 1;
-  }
   int status = 0;
   {
     // Every module object is released before the module unloads.

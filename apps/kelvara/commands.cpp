@@ -42,6 +42,15 @@ std::string DefaultModulePath()
   return ExecutableFolder() + "/libkelvara.so";
 }
 
+std::unique_ptr<telvo::LoadedModule> LoadModuleOrSayWhy()
+{
+  std::string why;
+  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  if (!module)
+    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
+  return module;
+}
+
 int RunCommandLine(int argc, char** argv)
 {
   CLI::App app{"kelvara: retargets motion capture (BVH) from one skeleton onto another through the kelvara "

@@ -1,10 +1,12 @@
 // The kelvara command line: one function per command.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "bvh.h"
+#include "telvo/loader.h"
 
 namespace kelvara
 {
@@ -15,6 +17,9 @@ int RunCommandLine(int argc, char** argv);
 
 // The module file built beside the executable (or named by $KELVARA_MODULE).
 std::string DefaultModulePath();
+
+// Loads that module for a command; nullptr after saying why on stderr.
+std::unique_ptr<telvo::LoadedModule> LoadModuleOrSayWhy();
 
 int RunModulesCommand(const std::vector<std::string>& args);
 

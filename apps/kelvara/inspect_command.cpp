@@ -155,13 +155,9 @@ int RunInspectCommand(const std::string& path, const std::string& preset, const 
                  preset.c_str());
     return 2;
   }
-  std::string why;
-  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
   if (!module)
-  {
-    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
     return 1;
-  }
   const int status = Inspect(file, preset, againstPath.empty() ? nullptr : &against);
   module->Unload();
   return status;

@@ -61,13 +61,9 @@ int RunPreviewCommand(const PreviewCommandOptions& options)
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 2;
   }
-  std::string why;
-  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
   if (!module)
-  {
-    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
     return 1;
-  }
   std::vector<std::pair<int, int>> pairs;
   const bool paired = PairJointsLikeRetarget(source, output, options, pairs, error);
   module->Unload();

@@ -206,13 +206,9 @@ int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetO
     return 2;
   }
 
-  std::string why;
-  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
   if (!module)
-  {
-    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
     return 1;
-  }
   BvhFile output;
   ClipReport report;
   report.source = source.path;
@@ -320,13 +316,9 @@ int RetargetBatch(const RetargetOptions& options)
     return 1;
   }
 
-  std::string why;
-  std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
+  std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
   if (!module)
-  {
-    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
     return 1;
-  }
   const BatchResult result = RunBatch(settings);
   module->Unload();
   if (!result.error.empty())
