@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "demo.h"
+#include "preview.h"
 
 namespace kelvara
 {
@@ -19,7 +20,42 @@ int RunDemoCommand(const std::string& outPath, int frames, bool matchRest)
   RetargetOptions options;
   options.outPath = outPath;
   options.matchRest = matchRest;
-  return RetargetLoaded(source, target, options, 0.0, 0.0);
+  const int status = RetargetLoaded(source, target, options, 0.0, 0.0);
+  if (status != 0)
+    return status;
+
+  // A picture of the walk and its result beside the output, read back from the written file.
+  BvhFile written;
+  std::string error;
+  if (!ReadBvh(outPath, written, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+  std::vector<std::pair<int, int>> pairs;
+  auto indexOf = [](const BvhFile& file, const std::string& name) {
+    for (std::size_t i = 0; i < file.joints.size(); ++i)
+      if (file.joints[i].name == name)
+        return static_cast<int>(i);
+    return -1;
+  };
+  for (const auto& [targetName, sourceName] : DemoExpectedPairs())
+    if (indexOf(source, sourceName) >= 0 && indexOf(written, targetName) >= 0)
+      pairs.emplace_back(indexOf(source, sourceName), indexOf(written, targetName));
+  PreviewOptions preview;
+  preview.frames = {0, source.frameCount / 3, 2 * source.frameCount / 3};
+  const std::string stem = outPath.size() > 4 && outPath.compare(outPath.size() - 4, 4, ".bvh") == 0
+                             ? outPath.substr(0, outPath.size() - 4)
+                             : outPath;
+  const std::string pngPath = stem + "_preview.png";
+  if (!RenderPreview(source, written, pairs, preview, pngPath, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("wrote %s: the walk and its retarget side by side%s\n", pngPath.c_str(),
+              matchRest ? " (rest poses matched)" : "; try --match-rest for the A-pose target's arms");
+  return 0;
 }
 
 } // namespace kelvara
