@@ -144,6 +144,9 @@ int RunCommandLine(int argc, char** argv)
   demo->add_option("--frames", demoFrames, "Frames of the walk")->capture_default_str()->check(CLI::Range(1, 1000000));
   bool demoMatchRest = false;
   demo->add_flag("--match-rest", demoMatchRest, matchRestHelp);
+  std::string demoTargetPath;
+  demo->add_option("--write-target", demoTargetPath,
+                   "Only write the built-in target skeleton to this BVH file (for benchmarks and trials)");
 
   if (argc <= 1)
   {
@@ -184,6 +187,8 @@ int RunCommandLine(int argc, char** argv)
     return RunCharacterCommand(characterBvh, characterOut, characterPreset);
   if (inspect->parsed())
     return RunInspectCommand(inspectPath, inspectPreset, inspectAgainst);
+  if (demo->parsed() && !demoTargetPath.empty())
+    return WriteDemoTarget(demoTargetPath);
   if (demo->parsed())
     return RunDemoCommand(demoOut, demoFrames, demoMatchRest);
   return 2;

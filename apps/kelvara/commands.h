@@ -71,6 +71,9 @@ int RunPreviewCommand(const PreviewCommandOptions& options);
 // by bone.
 int RunInspectCommand(const std::string& path, const std::string& preset, const std::string& againstPath = "");
 
+// Writes the demo's built-in target skeleton (one frame at rest) to a BVH file.
+int WriteDemoTarget(const std::string& path);
+
 int RunDemoCommand(const std::string& outPath, int frames, bool matchRest = false);
 
 } // namespace kelvara

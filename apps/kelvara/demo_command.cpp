@@ -8,6 +8,20 @@
 namespace kelvara
 {
 
+int WriteDemoTarget(const std::string& path)
+{
+  BvhFile target = MakeDemoTarget();
+  target.path = path;
+  std::string error;
+  if (!WriteBvh(path, target, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("wrote %s: the built-in target, %zu joints\n", path.c_str(), target.joints.size());
+  return 0;
+}
+
 int RunDemoCommand(const std::string& outPath, int frames, bool matchRest)
 {
   BvhFile source = MakeDemoSource(frames);
