@@ -125,6 +125,28 @@ bool Near(const telvo::Matrix& a, const telvo::Matrix& b)
 
 } // namespace
 
+bool SameSkeleton(const BvhFile& saved, const BvhFile& clip, std::string& error)
+{
+  if (saved.joints.size() != clip.joints.size())
+  {
+    error = clip.path + ": expected the " + std::to_string(saved.joints.size()) + " joints of the saved character " +
+            saved.path + ", found " + std::to_string(clip.joints.size());
+    return false;
+  }
+  for (std::size_t i = 0; i < saved.joints.size(); ++i)
+  {
+    const BvhJoint& a = saved.joints[i];
+    const BvhJoint& b = clip.joints[i];
+    if (a.name != b.name || a.parent != b.parent || a.channels != b.channels || !(a.offset == b.offset))
+    {
+      error = clip.path + ":" + std::to_string(b.line) + ": expected joint '" + a.name + "' of the saved character " +
+              saved.path + ", found '" + b.name + "' with another parent, offset or channels";
+      return false;
+    }
+  }
+  return true;
+}
+
 bool IsSavedCharacterPath(const std::string& path)
 {
   return path.size() >= 5 && path.compare(path.size() - 5, 5, ".json") == 0;

@@ -44,6 +44,10 @@ bool ReadSavedSkeleton(const std::string& path, BvhFile& out, std::string& error
 // definition's tree, rest pose and filled body parts. `saved` must outlive `out`.
 bool CharacterFromSaved(const SavedCharacter& saved, Character& out, std::string& error);
 
+// True when both hierarchies have the same joints (names, parents, offsets, channels); otherwise
+// false with the first difference.
+bool SameSkeleton(const BvhFile& saved, const BvhFile& clip, std::string& error);
+
 // True when path names a saved character rather than a BVH file (by its ".json" ending).
 bool IsSavedCharacterPath(const std::string& path);
 

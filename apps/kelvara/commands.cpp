@@ -90,6 +90,8 @@ int RunCommandLine(int argc, char** argv)
                               "Keyword preset for both characters (game, cmu, studio, generic); default: the one that "
                               "fills the most body parts");
   retargetCommand->add_option("--source-preset", retarget.sourcePreset, "Keyword preset for the source only");
+  retargetCommand->add_option("--source-character", retarget.sourceCharacterPath,
+                              "Saved character (kelvara character) of the source's skeleton, used as saved");
   retargetCommand->add_option("--target-preset", retarget.targetPreset, "Keyword preset for the target only");
   retargetCommand->add_option("--root-scale", retarget.rootScale, rootScaleHelp)->capture_default_str();
   retargetCommand->add_flag("--no-root-motion", retarget.noRootMotion, "Keep the root in place");

@@ -32,6 +32,7 @@ struct RetargetOptions
   std::string mapPath;
   std::string preset;       // both characters, unless one of the two below names another
   std::string sourcePreset;
+  std::string sourceCharacterPath; // a saved character standing for the source's skeleton
   std::string targetPreset;
   std::string rootScale = "auto";
   bool noRootMotion = false;

@@ -82,8 +82,21 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
                    name->c_str());
       return 2;
     }
-  if (!BuildCharacter(source, "source", sourceCharacter, error) ||
-      !ChooseAndFillPreset(sourceCharacter, helper.GetValue(), sourcePreset, error))
+  // A saved source character stands for the clip's skeleton, which must be the saved one.
+  SavedCharacter savedSource;
+  if (!options.sourceCharacterPath.empty())
+  {
+    if (!LoadSavedCharacter(options.sourceCharacterPath, savedSource, error) ||
+        !CharacterFromSaved(savedSource, sourceCharacter, error) ||
+        !SameSkeleton(savedSource.skeleton, source, error))
+    {
+      std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+      return 2;
+    }
+    sourceCharacter.file = &source;
+  }
+  else if (!BuildCharacter(source, "source", sourceCharacter, error) ||
+           !ChooseAndFillPreset(sourceCharacter, helper.GetValue(), sourcePreset, error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
@@ -105,6 +118,15 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
   }
+
+  for (const telvo::Uuid& uuid : targetCharacter.uuids)
+    for (const telvo::Uuid& other : sourceCharacter.uuids)
+      if (uuid == other)
+      {
+        std::fprintf(stderr, "kelvara: the source and the target share node ids (both saved from one skeleton?): "
+                             "give one of them as its BVH file\n");
+        return 2;
+      }
 
   RetargetJob job;
   job.source = &sourceCharacter;

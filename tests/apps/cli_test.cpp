@@ -268,6 +268,16 @@ TEST_F(CliTest, SavedTargetRetargetsLikeItsBvhAndPreviews)
   ASSERT_EQ(fromJson.status, 0) << fromJson.err;
   EXPECT_EQ(Slurp(_dir / "from_json.bvh"), Slurp(_dir / "from_bvh.bvh"));
 
+  // The source's character saved once stands for the clip's skeleton just as well.
+  ASSERT_EQ(Kelvara(std::string("character ") + kCmuClip + " -o source.json").status, 0);
+  Outcome savedSource = Kelvara(std::string("retarget ") + kCmuClip +
+                                " --source-character source.json --target target.bvh -o from_saved_source.bvh -q");
+  ASSERT_EQ(savedSource.status, 0) << savedSource.err;
+  EXPECT_EQ(Slurp(_dir / "from_saved_source.bvh"), Slurp(_dir / "from_bvh.bvh"));
+  Outcome wrongClip = Kelvara("retarget target.bvh --source-character source.json --target target.bvh -o never.bvh");
+  EXPECT_EQ(wrongClip.status, 2);
+  EXPECT_NE(wrongClip.err.find("expected the 31 joints of the saved character"), std::string::npos) << wrongClip.err;
+
   Outcome preview = Kelvara(std::string("preview ") + kCmuClip + " from_json.bvh --frames 0,100 -o p.png --panel-size 100");
   ASSERT_EQ(preview.status, 0) << preview.err;
   EXPECT_GT(fs::file_size(_dir / "p.png"), 1000u);
