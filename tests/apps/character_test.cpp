@@ -255,8 +255,9 @@ TEST_F(CharacterTest, AJointFillsOneBodyPartOnly)
   std::vector<std::string> names = kGenericNames;
   names[1] = "spine1";
   names[2] = "spine_chest_missing";
+  const BvhFile file = Humanoid("short", names); // the character points at it
   Character c;
-  Fill(Humanoid("short", names), c, "generic");
+  Fill(file, c, "generic");
   EXPECT_EQ(JointOf(c, kSpine), "spine1");
   EXPECT_EQ(JointOf(c, kChest), "(empty)");
   ASSERT_FALSE(c.notes.empty());
