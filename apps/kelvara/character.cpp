@@ -13,16 +13,6 @@ namespace
 using telvo::Matrix;
 using telvo::Vector;
 
-// Turns a module result into a message; the caller says what failed.
-template <typename R>
-bool Check(const R& result, const char* what, std::string& error)
-{
-  if (result.IsOk())
-    return true;
-  error = std::string(what) + ": " + ErrorText(result.GetError());
-  return false;
-}
-
 bool MakeString(std::string_view text, telvo::String& out, std::string& error)
 {
   telvo::Result<telvo::String> s = telvo::String::Create(text);

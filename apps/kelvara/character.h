@@ -89,4 +89,14 @@ double HipHeight(const Character& character);
 // Text of a module error for messages.
 std::string ErrorText(const telvo::Error& error);
 
+// Turns a module result into a message; the caller says what failed ("cannot make ...: why").
+template <typename R>
+bool Check(const R& result, const char* what, std::string& error)
+{
+  if (result.IsOk())
+    return true;
+  error = std::string(what) + ": " + ErrorText(result.GetError());
+  return false;
+}
+
 } // namespace kelvara

@@ -14,15 +14,6 @@ namespace
 using telvo::Matrix;
 using telvo::Vector;
 
-template <typename R>
-bool Check(const R& result, const char* what, std::string& error)
-{
-  if (result.IsOk())
-    return true;
-  error = std::string(what) + ": " + ErrorText(result.GetError());
-  return false;
-}
-
 double& Component(Vector& v, int axis)
 {
   return axis == 0 ? v.x : (axis == 1 ? v.y : v.z);
