@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <set>
 
+#include "support/helper_fixture.h"
 #include "character.h"
 #include "support/loaded_module.h"
 #include "telvo/registrybase.h"
@@ -74,18 +75,9 @@ const std::vector<std::string> kGenericNames = {
   "clavicle_r", "upperarm_r", "lowerarm_r", "hand_r", "thigh_l", "calf_l", "foot_l", "ball_l", "thigh_r",
   "calf_r", "foot_r", "ball_r"};
 
-class CharacterTest : public ::testing::Test
+class CharacterTest : public kelvara_test::HelperTest
 {
 protected:
-  void SetUp() override
-  {
-    kelvara_test::LoadedModuleForTests();
-    telvo::Result<telvo::KelvaraHelperRef> helper =
-      telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-    ASSERT_TRUE(helper.IsOk());
-    _helper = helper.GetValue();
-  }
-
   void Fill(const BvhFile& file, Character& c, const std::string& preset = "")
   {
     std::string error;
@@ -99,7 +91,6 @@ protected:
     return j < 0 ? "(empty)" : c.file->joints[static_cast<std::size_t>(j)].name;
   }
 
-  telvo::KelvaraHelperRef _helper;
 };
 
 TEST_F(CharacterTest, NodeIdsFollowThePathAndTheRole)

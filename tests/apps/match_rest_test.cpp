@@ -14,6 +14,7 @@
 #include <regex>
 #include <string>
 
+#include "support/helper_fixture.h"
 #include "character.h"
 #include "demo.h"
 #include "match_rest.h"
@@ -149,18 +150,9 @@ TEST(RestMatch, MatchesBonesThroughUnmappedJointsAndKeepsTheirLocalRotations)
   EXPECT_NEAR(telvo::Length(matched[3].off - matched[2].off), 1.0, 1e-12);
 }
 
-class MatchRestRoad : public ::testing::Test
+class MatchRestRoad : public kelvara_test::HelperTest
 {
 protected:
-  void SetUp() override
-  {
-    kelvara_test::LoadedModuleForTests();
-    telvo::Result<telvo::KelvaraHelperRef> helper =
-      telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-    ASSERT_TRUE(helper.IsOk());
-    _helper = helper.GetValue();
-  }
-
   // The written motion of source's clip on target, with or without the matched rest.
   BvhFile Retarget(const BvhFile& source, const BvhFile& target, bool matchRest)
   {
@@ -204,7 +196,6 @@ protected:
     return {worst, sum / static_cast<double>(source.frameCount) / static_cast<double>(bones.size())};
   }
 
-  telvo::KelvaraHelperRef _helper;
   std::vector<int> _sourceOfTarget;
 };
 

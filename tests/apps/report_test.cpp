@@ -9,6 +9,7 @@
 #include <functional>
 #include <regex>
 
+#include "support/helper_fixture.h"
 #include "character.h"
 #include "demo.h"
 #include "report.h"
@@ -115,18 +116,9 @@ TEST(ReportFootSliding, SpeedWhileLowIsMeasuredAndLiftedFramesAreLeftOut)
   EXPECT_GT(sideways.speed, 0.0);
 }
 
-class ReportCharacterTest : public ::testing::Test
+class ReportCharacterTest : public kelvara_test::HelperTest
 {
 protected:
-  void SetUp() override
-  {
-    kelvara_test::LoadedModuleForTests();
-    telvo::Result<telvo::KelvaraHelperRef> helper =
-      telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-    ASSERT_TRUE(helper.IsOk());
-    _helper = helper.GetValue();
-  }
-
   void Build(const BvhFile& file, const std::string& role, Character& c, const std::string& preset = "")
   {
     std::string error;
@@ -134,7 +126,6 @@ protected:
     ASSERT_TRUE(ChooseAndFillPreset(c, _helper, preset, error)) << error;
   }
 
-  telvo::KelvaraHelperRef _helper;
 };
 
 TEST_F(ReportCharacterTest, PresetReasonsAndSwappedSides)
