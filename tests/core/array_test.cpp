@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,68 +15,32 @@ namespace telvo
 namespace
 {
 
-// A shared handle in miniature: copies raise the target's count, destruction lowers it, a move
-// leaves the source empty. The counts show every copy, leak and double release.
-struct Target
-{
-  Int refs = 0;
-  Int id = 0;
-};
+// Shared handles: the use count shows every copy, leak and double release; a move empties them.
+using Handle = std::shared_ptr<Int>;
+using Handles = BaseArray<Handle>;
 
-class Handle
-{
-public:
-  Handle() = default;
-  explicit Handle(Target* t) : _t(t) { Retain(); }
-  Handle(const Handle& o) : _t(o._t) { Retain(); }
-  Handle(Handle&& o) noexcept : _t(std::exchange(o._t, nullptr)) {}
-  Handle& operator=(Handle o) noexcept
-  {
-    std::swap(_t, o._t);
-    return *this;
-  }
-  ~Handle()
-  {
-    if (_t != nullptr)
-      --_t->refs;
-  }
-  Target* Get() const { return _t; }
-  Int Id() const { return _t != nullptr ? _t->id : -1; }
-
-private:
-  void Retain()
-  {
-    if (_t != nullptr)
-      ++_t->refs;
-  }
-  Target* _t = nullptr;
-};
-
-std::vector<Int> Ids(const BaseArray<Handle>& array)
+std::vector<Int> Ids(const Handles& array)
 {
   std::vector<Int> ids;
   for (const Handle& h : array)
-    ids.push_back(h.Id());
+    ids.push_back(h != nullptr ? *h : -1);
   return ids;
 }
 
 // An array of handles to t whose count has reached its capacity.
-BaseArray<Handle> Full(Target& t)
+Handles Full(const Handle& t)
 {
-  BaseArray<Handle> array;
+  Handles array;
   do
-    EXPECT_TRUE(array.Append(Handle(&t)).IsOk());
+    EXPECT_TRUE(array.Append(t).IsOk());
   while (array.GetCount() < array.GetCapacity());
   return array;
 }
 
 TEST(ArrayGrowth, CapacitiesFollowTheGrowthRule)
 {
-  // Room for the old capacity plus the extra times 1.5, rounded up to 16; never less than needed.
   EXPECT_EQ(ComputeArrayGrowth(0, 0), 16);
-  EXPECT_EQ(ComputeArrayGrowth(0, 17), 32);
-  EXPECT_EQ(ComputeArrayGrowth(16, 16), 48); // exact multiple stays
-  // One by one: 25 -> 32, 49 -> 64, 97 -> 112, ...
+  EXPECT_EQ(ComputeArrayGrowth(16, 16), 48); // an exact multiple of 16 stays
   BaseArray<Int> array;
   std::vector<std::pair<Int, Int>> steps; // (count after the append, new capacity)
   for (Int i = 0; i < 300; ++i)
@@ -86,165 +52,109 @@ TEST(ArrayGrowth, CapacitiesFollowTheGrowthRule)
   }
   EXPECT_EQ(steps, (std::vector<std::pair<Int, Int>>{
                      {1, 16}, {17, 32}, {33, 64}, {65, 112}, {113, 176}, {177, 272}, {273, 416}}));
-  for (Int i = 0; i < 300; ++i)
-    ASSERT_EQ(array[i], i);
+
+  BaseArray<Int> sized;
+  ASSERT_TRUE(sized.EnsureCapacity(20).IsOk());
+  ASSERT_TRUE(sized.EnsureCapacity(32).IsOk()); // room already
+  EXPECT_EQ(sized.GetCapacity(), 32);
+  ASSERT_TRUE(sized.Resize(33).IsOk()); // (32 + 33) * 3 / 2 = 97
+  ASSERT_TRUE(sized.Resize(3).IsOk());  // shrinking keeps the storage
+  EXPECT_EQ(sized.GetCapacity(), 112);
+  ASSERT_TRUE(sized.CopyFrom(array).IsOk()); // (112 + 300) * 3 / 2 = 618
+  EXPECT_EQ(sized.GetCapacity(), 624);
+  const Int* data = sized.begin();
+  ASSERT_TRUE(sized.CopyFrom(BaseArray<Int>()).IsOk()); // fits: the storage is reused
+  EXPECT_EQ(sized.begin(), data);
+  EXPECT_EQ(sized.GetCount(), 0);
 }
 
-TEST(ArrayGrowth, ResizeEnsureCapacityAndCopyFrom)
+TEST(ArrayHandles, EditsKeepOrderAndExactHandleCounts)
 {
-  BaseArray<Int> array;
-  ASSERT_TRUE(array.Resize(40).IsOk());
-  EXPECT_EQ(array.GetCapacity(), 48);
-  ASSERT_TRUE(array.Resize(49).IsOk()); // (48 + 9) * 3 / 2 = 85
-  EXPECT_EQ(array.GetCapacity(), 96);
-  ASSERT_TRUE(array.Resize(3).IsOk()); // shrinking keeps the storage
-  EXPECT_EQ(array.GetCapacity(), 96);
-
-  BaseArray<Int> reserved;
-  ASSERT_TRUE(reserved.EnsureCapacity(20).IsOk());
-  ASSERT_TRUE(reserved.EnsureCapacity(32).IsOk());
-  EXPECT_EQ(reserved.GetCapacity(), 32);
-  EXPECT_EQ(reserved.GetCount(), 0);
-
-  BaseArray<Int> src;
-  ASSERT_TRUE(src.Resize(20).IsOk());
-  BaseArray<Int> empty;
-  ASSERT_TRUE(empty.CopyFrom(src).IsOk());
-  EXPECT_EQ(empty.GetCapacity(), 32);
-  BaseArray<Int> small;
-  ASSERT_TRUE(small.Append(1).IsOk()); // capacity 16
-  ASSERT_TRUE(small.CopyFrom(src).IsOk());
-  EXPECT_EQ(small.GetCapacity(), 64); // (16 + 20) * 3 / 2 = 54
-  // Enough room: the storage is reused.
-  const Int* data = small.begin();
-  ASSERT_TRUE(small.CopyFrom(src).IsOk());
-  EXPECT_EQ(small.begin(), data);
-  EXPECT_EQ(small.GetCount(), 20);
-}
-
-TEST(ArrayHandles, EveryOperationKeepsHandleCountsExact)
-{
-  Target t{0, 1};
+  Handle t = std::make_shared<Int>(1);
   {
-    BaseArray<Handle> array;
+    Handles array;
     for (Int i = 0; i < 20; ++i)
-      ASSERT_TRUE(array.Append(Handle(&t)).IsOk());
+      ASSERT_TRUE(array.Append(t).IsOk());
     array.Erase(3);
-    EXPECT_EQ(t.refs, 19);
-    ASSERT_TRUE(array.Insert(0, Handle(&t)).IsOk());
-    EXPECT_EQ(t.refs, 20);
+    ASSERT_TRUE(array.Insert(0, std::make_shared<Int>(0)).IsOk());
+    ASSERT_TRUE(array.Insert(2, std::make_shared<Int>(2)).IsOk());
+    array.Erase(3);
+    EXPECT_EQ(t.use_count(), 19);
     ASSERT_TRUE(array.Resize(5).IsOk());
+    EXPECT_EQ(Ids(array), (std::vector<Int>{0, 1, 2, 1, 1}));
     ASSERT_TRUE(array.Resize(40).IsOk());
-    EXPECT_EQ(t.refs, 5);
-    EXPECT_EQ(array[39].Get(), nullptr);
+    EXPECT_EQ(t.use_count(), 4);
+    EXPECT_EQ(array.FindIndex(t), 1);
 
-    BaseArray<Handle> copy;
-    ASSERT_TRUE(copy.Append(Handle(&t)).IsOk());
+    Handles copy;
+    ASSERT_TRUE(copy.Append(t).IsOk());
     ASSERT_TRUE(copy.CopyFrom(array).IsOk()); // grows
-    EXPECT_EQ(t.refs, 10);
+    EXPECT_EQ(t.use_count(), 7);
     ASSERT_TRUE(array.Resize(2).IsOk());
     ASSERT_TRUE(copy.CopyFrom(array).IsOk()); // shrinks in place
-    EXPECT_EQ(t.refs, 4);
+    EXPECT_EQ(t.use_count(), 3);
     copy.Clear();
-    EXPECT_EQ(t.refs, 2);
-
-    BaseArray<Handle> moved(std::move(array));
-    EXPECT_EQ(t.refs, 2);
+    EXPECT_EQ(t.use_count(), 2);
+    Handles moved(std::move(array));
+    EXPECT_EQ(t.use_count(), 2);
     EXPECT_EQ(array.GetCount(), 0);
   }
-  EXPECT_EQ(t.refs, 0);
+  EXPECT_EQ(t.use_count(), 1);
 }
 
 TEST(ArrayHandles, AddingAnElementOfTheSameArray)
 {
-  Target a{0, 1};
-  Target b{0, 2};
-  BaseArray<Handle> array = Full(b);
-  array[0] = Handle(&a);
+  Handle a = std::make_shared<Int>(1);
+  Handles array = Full(std::make_shared<Int>(2));
+  array[0] = a;
   // The argument lives in the storage that the growth frees.
   ASSERT_TRUE(array.Append(array[0]).IsOk());
   EXPECT_EQ(array.GetCapacity(), 32);
-  EXPECT_EQ(array[16].Id(), 1);
-  EXPECT_EQ(a.refs, 2);
-
+  EXPECT_EQ(*array[16], 1);
   while (array.GetCount() < array.GetCapacity())
-    ASSERT_TRUE(array.Append(Handle(&b)).IsOk());
+    ASSERT_TRUE(array.Append(array[1]).IsOk());
   ASSERT_TRUE(array.Insert(1, array[0]).IsOk());
-  EXPECT_EQ(Ids(array)[1], 1);
-  EXPECT_EQ(Ids(array)[2], 2);
-  EXPECT_EQ(a.refs, 3);
+  EXPECT_EQ(*array[1], 1);
   // Without growth, an element that the shift overwrites: index 17 holds a, index 16 holds b.
-  ASSERT_EQ(array[16].Id(), 2);
+  ASSERT_EQ(*array[16], 2);
   ASSERT_TRUE(array.Insert(0, array[17]).IsOk());
-  EXPECT_EQ(array[0].Id(), 1);
-  EXPECT_EQ(array[18].Id(), 1);
-  EXPECT_EQ(a.refs, 4);
+  EXPECT_EQ(*array[0], 1);
+  EXPECT_EQ(*array[18], 1);
+  EXPECT_EQ(a.use_count(), 5);
 }
 
-TEST(ArrayEditing, InsertEraseAndResizeKeepOrder)
+TEST(ArrayOutOfMemory, FailedGrowthLeavesTheArrayAsItWas)
 {
-  Target t[5] = {{0, 0}, {0, 1}, {0, 2}, {0, 3}, {0, 4}};
-  BaseArray<Handle> array;
-  ASSERT_TRUE(array.Append(Handle(&t[1])).IsOk());
-  ASSERT_TRUE(array.Insert(0, Handle(&t[0])).IsOk());
-  ASSERT_TRUE(array.Insert(2, Handle(&t[3])).IsOk());
-  ASSERT_TRUE(array.Insert(2, Handle(&t[2])).IsOk());
-  EXPECT_EQ(Ids(array), (std::vector<Int>{0, 1, 2, 3}));
-  array.Erase(0);
-  array.Erase(2);
-  ASSERT_TRUE(array.Resize(4).IsOk());
-  EXPECT_EQ(Ids(array), (std::vector<Int>{1, 2, -1, -1}));
-  BaseArray<Int> ints;
-  ASSERT_TRUE(ints.Resize(3).IsOk());
-  ints[2] = 7;
-  EXPECT_EQ(ints.FindIndex(7), 2);
-  EXPECT_EQ(ints.FindIndex(8), -1);
-}
-
-// Sweeps op on the array that make() builds: each failing run must leave the elements, the
-// capacity and the handle counts as they were.
-template <typename MAKE, typename OP>
-int Sweep(const Target& t, MAKE make, OP op)
-{
-  return kelvara_test::SweepOutOfMemory(make, op, [&](const BaseArray<Handle>& array) {
-    std::string text = std::to_string(array.GetCapacity()) + " refs " + std::to_string(t.refs) + ":";
-    for (Int id : Ids(array))
-      text += " " + std::to_string(id);
-    return text;
-  });
-}
-
-TEST(ArrayOutOfMemory, AppendInsertResizeAndCopyFrom)
-{
-  Target t{0, 9};
-  using A = BaseArray<Handle>;
-  EXPECT_EQ(Sweep(t, [] { return A(); }, [&](A& a) { return a.Append(Handle(&t)); }), 1);
-  auto full = [&] { return Full(t); };
-  EXPECT_EQ(Sweep(t, full, [](A& a) { return a.Append(a[0]); }), 1);
-  EXPECT_EQ(Sweep(t, full, [&](A& a) { return a.Insert(0, Handle(&t)); }), 1);
-  EXPECT_EQ(Sweep(t, full, [](A& a) { return a.Resize(100); }), 1);
-  A src; // more than the copy's storage holds
+  Handle t = std::make_shared<Int>(9);
+  Handles src; // more than Full's storage holds
   ASSERT_TRUE(src.Resize(20).IsOk());
-  src[0] = Handle(&t);
-  auto one = [&] {
-    A a;
-    EXPECT_TRUE(a.Append(Handle(&t)).IsOk());
-    return a;
+  src[0] = t;
+  const std::vector<std::pair<const char*, std::function<Result<void>(Handles&)>>> ops = {
+    {"Append", [&](Handles& a) { return a.Append(t); }},
+    {"Append own", [](Handles& a) { return a.Append(a[0]); }},
+    {"Append moved",
+     [&](Handles& a) {
+       Handle h = t;
+       Result<void> r = a.Append(std::move(h));
+       EXPECT_EQ(h == t, r.IsError()) << "a failed move must give the value back";
+       return r;
+     }},
+    {"Insert", [&](Handles& a) { return a.Insert(0, t); }},
+    {"Resize", [](Handles& a) { return a.Resize(100); }},
+    {"EnsureCapacity", [](Handles& a) { return a.EnsureCapacity(100); }},
+    {"CopyFrom", [&](Handles& a) { return a.CopyFrom(src); }},
   };
-  EXPECT_EQ(Sweep(t, one, [&](A& a) { return a.CopyFrom(src); }), 1);
-}
-
-TEST(ArrayOutOfMemory, FailedMoveAppendGivesTheValueBack)
-{
-  Target t{0, 4};
-  BaseArray<Handle> array;
-  Handle h(&t);
-  Allocator::FailNthAllocation(1);
-  Result<void> result = array.Append(std::move(h));
-  Allocator::FailNthAllocation(0);
-  EXPECT_TRUE(result.IsError());
-  EXPECT_EQ(h.Get(), &t);
-  EXPECT_EQ(t.refs, 1);
+  for (const auto& [name, op] : ops)
+  {
+    SCOPED_TRACE(name);
+    auto snapshot = [&](const Handles& a) {
+      std::string text = std::to_string(a.GetCapacity()) + " refs " + std::to_string(t.use_count()) + ":";
+      for (Int id : Ids(a))
+        text += " " + std::to_string(id);
+      return text;
+    };
+    EXPECT_EQ(kelvara_test::SweepOutOfMemory([&] { return Full(t); }, op, snapshot), 1);
+  }
 }
 
 } // namespace
