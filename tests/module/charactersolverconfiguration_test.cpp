@@ -3,6 +3,7 @@
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
 #include "support/recording_describer.h"
+#include "support/values.h"
 #include "telvo/charactersolverconfiguration.h"
 
 using namespace telvo;
@@ -15,8 +16,8 @@ constexpr const char* kConfigurationClassId = "net.telvo.animation.class.charact
 CharacterDefinition MakeCharacter(const char* name)
 {
   CharacterDefinition character =
-    CreateObject<CharacterDefinition>("net.telvo.animation.class.characterdefinition").GetValue();
-  EXPECT_TRUE(character.MakeWritable().GetValue()->SetName(String::Create(name).GetValue()).IsOk());
+    kelvara_test::Value(CreateObject<CharacterDefinition>("net.telvo.animation.class.characterdefinition"));
+  EXPECT_TRUE(character.MakeWritable().GetValue()->SetName(kelvara_test::MakeString(name)).IsOk());
   return character;
 }
 
@@ -28,79 +29,54 @@ Int Count(const CharacterDefinition& character)
 class CharacterSolverConfigurationTest : public ::testing::Test
 {
 protected:
-  void SetUp() override
-  {
-    kelvara_test::LoadedModuleForTests();
-    _configuration = CreateObject<CharacterSolverConfiguration>(kConfigurationClassId).GetValue();
-    _source = MakeCharacter("Performer");
-    _target = MakeCharacter("Hero");
-    _association = CreateObject<CharacterAssociation>("net.telvo.animation.class.characterassociation").GetValue();
-  }
-
   CharacterSolverConfigurationInterface* Writable() { return _configuration.MakeWritable().GetValue(); }
-  std::string Text() const { return std::string(_configuration->ToString().View()); }
+  std::string Text() const { return kelvara_test::Text(_configuration->ToString()); }
 
-  CharacterSolverConfiguration _configuration;
-  CharacterDefinition _source;
-  CharacterDefinition _target;
-  CharacterAssociation _association;
+  LoadedModule& _module = kelvara_test::LoadedModuleForTests();
+  CharacterSolverConfiguration _configuration =
+    kelvara_test::Value(CreateObject<CharacterSolverConfiguration>(kConfigurationClassId));
+  CharacterDefinition _source = MakeCharacter("Performer");
+  CharacterDefinition _target = MakeCharacter("Hero");
+  CharacterAssociation _association =
+    kelvara_test::Value(CreateObject<CharacterAssociation>("net.telvo.animation.class.characterassociation"));
 };
 
-TEST_F(CharacterSolverConfigurationTest, NewConfigurationIsEmptyAndReportsTheSourceFirst)
+TEST_F(CharacterSolverConfigurationTest, ValidationNeedsTheSourceFirstThenTheTargetButNoAssociation)
 {
-  EXPECT_FALSE(_configuration->GetSourceCharacter().GetValue());
-  EXPECT_FALSE(_configuration->GetTargetCharacter().GetValue());
-  EXPECT_FALSE(_configuration->GetCharacterAssociation().GetValue());
-  EXPECT_FALSE(_configuration->GetApplyTranslationFromRoot());
-
-  Result<void> valid = _configuration->Validate();
-  ASSERT_TRUE(valid.IsError());
-  EXPECT_TRUE(valid.GetError().IsClass(UnexpectedError));
-  EXPECT_STREQ(valid.GetError().GetMessage(), "Invalid Source Character");
-  EXPECT_STREQ(valid.GetError().GetUnit(), "source/impl/charactersolverconfiguration_impl");
-  EXPECT_EQ(Text(), "Source Character : \nTarget Character : \n");
+  for (bool source : {false, true})
+    for (bool target : {false, true})
+    {
+      SCOPED_TRACE(std::to_string(source) + std::to_string(target));
+      ASSERT_TRUE(Writable()->SetSourceCharacter(source ? _source : CharacterDefinition()).IsOk());
+      ASSERT_TRUE(Writable()->SetTargetCharacter(target ? _target : CharacterDefinition()).IsOk());
+      EXPECT_EQ(Text(), std::string("Source Character : ") + (source ? "Performer" : "") + "\nTarget Character : " +
+                          (target ? "Hero" : "") + "\n");
+      Result<void> valid = _configuration->Validate();
+      if (source && target)
+      {
+        EXPECT_TRUE(valid.IsOk());
+        continue;
+      }
+      ASSERT_TRUE(valid.IsError());
+      EXPECT_TRUE(valid.GetError().IsClass(UnexpectedError));
+      EXPECT_STREQ(valid.GetError().GetMessage(), source ? "Invalid Target Character" : "Invalid Source Character");
+      EXPECT_STREQ(valid.GetError().GetUnit(), "source/impl/charactersolverconfiguration_impl");
+    }
 }
 
-TEST_F(CharacterSolverConfigurationTest, ValidationNeedsBothCharactersButNoAssociation)
-{
-  ASSERT_TRUE(Writable()->SetSourceCharacter(_source).IsOk());
-  Result<void> valid = _configuration->Validate();
-  ASSERT_TRUE(valid.IsError());
-  EXPECT_TRUE(valid.GetError().IsClass(UnexpectedError));
-  EXPECT_STREQ(valid.GetError().GetMessage(), "Invalid Target Character");
-
-  // A target alone still misses the source, which is tested first.
-  ASSERT_TRUE(Writable()->SetSourceCharacter(CharacterDefinition()).IsOk());
-  ASSERT_TRUE(Writable()->SetTargetCharacter(_target).IsOk());
-  EXPECT_STREQ(_configuration->Validate().GetError().GetMessage(), "Invalid Source Character");
-
-  ASSERT_TRUE(Writable()->SetSourceCharacter(_source).IsOk());
-  EXPECT_TRUE(_configuration->Validate().IsOk());
-  EXPECT_EQ(Text(), "Source Character : Performer\nTarget Character : Hero\n");
-}
-
-TEST_F(CharacterSolverConfigurationTest, SetupSharesTheThreeObjects)
+TEST_F(CharacterSolverConfigurationTest, SharesItsObjectsAndCopiesOnWrite)
 {
   ASSERT_TRUE(Writable()->Setup(_source, _target, _association).IsOk());
-  EXPECT_TRUE(_configuration->GetSourceCharacter().GetValue().IsSameObject(_source));
-  EXPECT_TRUE(_configuration->GetTargetCharacter().GetValue().IsSameObject(_target));
+  EXPECT_EQ(Text(), "Source Character : Performer\nTarget Character : Hero\n");
   EXPECT_TRUE(_configuration->GetCharacterAssociation().GetValue().IsSameObject(_association));
-  EXPECT_EQ(Count(_source), 2);
-  EXPECT_EQ(Count(_target), 2);
   EXPECT_EQ(_association.GetStrongRef()->GetReferenceCount(), 2);
-
   // Storing the held object again takes no further count; replacing releases the old one.
   ASSERT_TRUE(Writable()->SetSourceCharacter(_source).IsOk());
   EXPECT_EQ(Count(_source), 2);
-  ASSERT_TRUE(Writable()->SetSourceCharacter(_target).IsOk());
-  EXPECT_EQ(Count(_source), 1);
-  EXPECT_EQ(Count(_target), 3);
-  EXPECT_EQ(Text(), "Source Character : Hero\nTarget Character : Hero\n");
-}
-
-TEST_F(CharacterSolverConfigurationTest, CopyOnWriteSharesTheCharactersAndKeepsTheOriginal)
-{
-  ASSERT_TRUE(Writable()->Setup(_source, _target, _association).IsOk());
+  ASSERT_TRUE(Writable()->SetTargetCharacter(_source).IsOk());
+  EXPECT_EQ(Count(_target), 1);
+  EXPECT_EQ(Count(_source), 3);
+  ASSERT_TRUE(Writable()->SetTargetCharacter(_target).IsOk());
   Writable()->SetApplyTranslationFromRoot(true);
 
   CharacterSolverConfiguration copy = _configuration;
@@ -109,7 +85,6 @@ TEST_F(CharacterSolverConfigurationTest, CopyOnWriteSharesTheCharactersAndKeepsT
   EXPECT_TRUE(copy->GetApplyTranslationFromRoot());
   EXPECT_TRUE(copy->GetSourceCharacter().GetValue().IsSameObject(_source));
   EXPECT_EQ(Count(_source), 3);
-
   writableCopy->SetApplyTranslationFromRoot(false);
   ASSERT_TRUE(writableCopy->SetTargetCharacter(CharacterDefinition()).IsOk());
   EXPECT_TRUE(_configuration->GetApplyTranslationFromRoot());
@@ -121,66 +96,32 @@ TEST_F(CharacterSolverConfigurationTest, DescribesItsFourFieldsInOrder)
 {
   kelvara_test::RecordingDescriber describer;
   ASSERT_TRUE(CharacterSolverConfigurationInterface::DescribeIO(describer).IsOk());
-  const std::vector<kelvara_test::DeclaredMember> expected = {
-    {"_sourceCharacter", "telvo::CharacterDefinition", 0, true},
-    {"_targetCharacter", "telvo::CharacterDefinition", 0, true},
-    {"_associationSourceTarget", "telvo::CharacterAssociation", 0, true},
-    {"_applyTranslationToRoot", "Bool", 0, true},
-  };
-  EXPECT_EQ(describer.members, expected);
+  EXPECT_EQ(describer.members, (std::vector<kelvara_test::DeclaredMember>{
+                                 {"_sourceCharacter", "telvo::CharacterDefinition", 0, true},
+                                 {"_targetCharacter", "telvo::CharacterDefinition", 0, true},
+                                 {"_associationSourceTarget", "telvo::CharacterAssociation", 0, true},
+                                 {"_applyTranslationToRoot", "Bool", 0, true}}));
 }
 
-TEST_F(CharacterSolverConfigurationTest, OnlyToStringAllocatesAndItDropsWholeLines)
+TEST_F(CharacterSolverConfigurationTest, CreatingFailsCleanlyAndToStringDropsWholeLines)
 {
-  using kelvara_test::SweepAllocationFailures;
-  auto fresh = [this] { return CreateObject<CharacterSolverConfiguration>(kConfigurationClassId).GetValue(); };
-  auto noFailure = [](auto&, const auto& result, bool failed) {
-    EXPECT_FALSE(failed) << "the operation allocated";
-    EXPECT_TRUE(result.IsOk());
-  };
-  // Setters, getters, Setup and Validate share or read references: nothing to allocate, nothing to fail.
-  EXPECT_EQ(SweepAllocationFailures(
-              fresh,
-              [this](CharacterSolverConfiguration& c) -> Result<void> {
-                CharacterSolverConfigurationInterface* w = c.MakeWritable().GetValue();
-                w->SetApplyTranslationFromRoot(true);
-                TELVO_TRY_ASSIGN(CharacterDefinition s, c->GetSourceCharacter());
-                (void)s;
-                TELVO_TRY(w->SetSourceCharacter(_source));
-                TELVO_TRY(w->SetTargetCharacter(_target));
-                TELVO_TRY(w->SetCharacterAssociation(_association));
-                TELVO_TRY(w->Setup(_target, _source, _association));
-                return c->Validate();
-              },
-              noFailure),
+  EXPECT_GT(kelvara_test::SweepOutOfMemory(
+              [] { return 0; }, [](int) { return CreateObject<CharacterSolverConfiguration>(kConfigurationClassId); },
+              [](int) { return std::string(); }),
             0);
 
-  // Creating by class id: OutOfMemoryError and nothing left behind.
-  int failingRuns = SweepAllocationFailures(
-    [] { return 0; }, [](int) { return CreateObject<CharacterSolverConfiguration>(kConfigurationClassId); },
-    [](int, const auto& result, bool failed) {
-      EXPECT_TRUE(failed ? result.IsError() && result.GetError().IsClass(OutOfMemoryError) : result.IsOk());
-    });
-  EXPECT_GT(failingRuns, 0);
-
-  // ToString never fails: a line that finds no memory is left out whole.
   ASSERT_TRUE(Writable()->Setup(_source, _target, _association).IsOk());
   const std::string full = "Source Character : Performer\nTarget Character : Hero\n";
-  failingRuns = SweepAllocationFailures(
-    [] { return 0; }, [this](int) { return Result<String>(_configuration->ToString()); },
-    [&](int, const Result<String>& text, bool failed) {
-      const std::string got(text.GetValue().View());
-      if (!failed)
-      {
-        EXPECT_EQ(got, full);
-      }
-      else
-      {
-        EXPECT_TRUE(got.empty() || got == "Source Character : Performer\n" || got == "Target Character : Hero\n")
-          << got;
-      }
-    });
-  EXPECT_GT(failingRuns, 0);
+  EXPECT_GT(kelvara_test::SweepAllocationFailures(
+              [] { return 0; }, [this](int) { return Result<String>(_configuration->ToString()); },
+              [&](int, const Result<String>& text, bool failed) {
+                const std::string got = kelvara_test::Text(text.GetValue());
+                if (!failed)
+                  EXPECT_EQ(got, full);
+                else
+                  EXPECT_TRUE(got.empty() || got == full.substr(0, 29) || got == full.substr(29)) << got;
+              }),
+            0);
 }
 
 } // namespace
