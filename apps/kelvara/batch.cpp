@@ -202,6 +202,12 @@ int RetargetOne(const BatchSettings& settings, Shared& shared, std::mutex& logMu
       return 1;
     }
   }
+  ClipReport otherRest;
+  if (settings.measure && !MeasureOtherRest(group.prepared, clip, otherRest, error))
+  {
+    r.error = AboutClip(r.source, error);
+    return 1;
+  }
   clip = BvhFile(); // the motion is not needed any more; the report reads the file back
   output.path = r.output;
   if (!WriteBvh(r.output, output, error))
@@ -220,6 +226,8 @@ int RetargetOne(const BatchSettings& settings, Shared& shared, std::mutex& logMu
     r.output = out;
     r.frames = frames;
     r.frameTime = frameTime;
+    r.matchRest = otherRest.matchRest;
+    r.otherRestBones = std::move(otherRest.otherRestBones);
     if (!MeasureWrittenQuality(r, error))
     {
       r.error = error;

@@ -47,9 +47,10 @@ int RunRetargetCommand(const RetargetOptions& options);
 
 // The road on files already in memory (the retarget and demo commands): loads the module,
 // builds both characters, retargets, writes options.outPath and reports on stdout. readSeconds
-// and inputBytes are what reading took, for --timings.
+// and inputBytes are what reading took, for --timings. otherRest, when given, receives the same
+// retarget made with the other choice of target rest (RunWithOtherRest).
 int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetOptions& options, double readSeconds,
-                   double inputBytes);
+                   double inputBytes, BvhFile* otherRest = nullptr);
 
 // Builds a character from a BVH file and saves it as JSON (character_file.h).
 int RunCharacterCommand(const std::string& bvhPath, const std::string& outPath, const std::string& preset);

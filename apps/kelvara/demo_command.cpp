@@ -34,7 +34,8 @@ int RunDemoCommand(const std::string& outPath, int frames, bool matchRest)
   RetargetOptions options;
   options.outPath = outPath;
   options.matchRest = matchRest;
-  const int status = RetargetLoaded(source, target, options, 0.0, 0.0);
+  BvhFile otherRest;
+  const int status = RetargetLoaded(source, target, options, 0.0, 0.0, &otherRest);
   if (status != 0)
     return status;
 
@@ -62,13 +63,17 @@ int RunDemoCommand(const std::string& outPath, int frames, bool matchRest)
                              ? outPath.substr(0, outPath.size() - 4)
                              : outPath;
   const std::string pngPath = stem + "_preview.png";
-  if (!RenderPreview(source, written, pairs, preview, pngPath, error))
+  // Both results beside the walk, the target's own rest first: the A-pose arms show the difference.
+  const PreviewClip own{matchRest ? &otherRest : &written, "target (own rest)"};
+  const PreviewClip matched{matchRest ? &written : &otherRest, "target (matched rest)"};
+  if (!RenderPreview(source, {own, matched}, pairs, preview, pngPath, error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
   }
-  std::printf("wrote %s: the walk and its retarget side by side%s\n", pngPath.c_str(),
-              matchRest ? " (rest poses matched)" : "; try --match-rest for the A-pose target's arms");
+  std::printf("wrote %s: the walk and its retarget on the target's own rest and on the matched rest, side by "
+              "side; %s was written\n",
+              pngPath.c_str(), matchRest ? "the matched one" : "the one on its own rest (try --match-rest)");
   return 0;
 }
 

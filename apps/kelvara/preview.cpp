@@ -28,11 +28,10 @@ constexpr int kMinPanel = 64;
 constexpr int kMaxPanel = 4096;
 // cairo's image surfaces are limited to this many pixels a side.
 constexpr int kMaxImageSide = 32767;
-constexpr int kColumns = 4;
 // Finding the ground looks at no more than this many frames, spread over the clip.
 constexpr int kGroundSamples = 2000;
 
-// Panel geometry shared by all four columns, derived from the panel size.
+// Panel geometry shared by all columns, derived from the panel size.
 struct Layout
 {
   double panel = 0.0;
@@ -80,7 +79,7 @@ void AddPose(Bounds& b, const std::vector<Matrix>& world, const std::vector<Vect
 struct Figure
 {
   const BvhFile* file = nullptr;
-  const char* label = "";
+  std::string label;
   std::vector<int> pairOfJoint; // mapping pair index per joint, -1 when unmapped
   double scale = 1.0;           // pixels per file unit
   double groundHeight = 0.0;    // world height drawn on the ground line, for motion frames
@@ -197,17 +196,15 @@ void DrawPanel(cairo_t* cr, Figure& f, int frame, bool side, double x0, double y
   cairo_restore(cr);
 }
 
-// Thin borders between panels; a heavier one between the source and target halves.
-void DrawGrid(cairo_t* cr, int rows, const Layout& layout)
+// Thin borders between panels; heavier ones between figures (every two columns).
+void DrawGrid(cairo_t* cr, int rows, int columns, const Layout& layout)
 {
-  const double width = kColumns * layout.panel;
+  const double width = columns * layout.panel;
   const double height = rows * layout.panel;
   cairo_set_source_rgb(cr, 0.82, 0.82, 0.82);
   cairo_set_line_width(cr, 1.0);
-  for (int c = 1; c < kColumns; ++c)
+  for (int c = 1; c < columns; c += 2)
   {
-    if (c == kColumns / 2)
-      continue;
     cairo_move_to(cr, c * layout.panel + 0.5, 0);
     cairo_line_to(cr, c * layout.panel + 0.5, height);
   }
@@ -219,12 +216,15 @@ void DrawGrid(cairo_t* cr, int rows, const Layout& layout)
   cairo_stroke(cr);
   cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
   cairo_set_line_width(cr, 2.0);
-  cairo_move_to(cr, kColumns / 2 * layout.panel, 0);
-  cairo_line_to(cr, kColumns / 2 * layout.panel, height);
+  for (int c = 2; c < columns; c += 2)
+  {
+    cairo_move_to(cr, c * layout.panel, 0);
+    cairo_line_to(cr, c * layout.panel, height);
+  }
   cairo_stroke(cr);
 }
 
-bool CheckFrames(const std::vector<int>& frames, const BvhFile& file, const char* side, std::string& error)
+bool CheckFrames(const std::vector<int>& frames, const BvhFile& file, const std::string& side, std::string& error)
 {
   for (int frame : frames)
   {
@@ -252,8 +252,8 @@ bool MapJoints(const std::vector<std::pair<int, int>>& pairs, Figure& source, Fi
         static_cast<std::size_t>(t) >= target.pairOfJoint.size())
     {
       error = "mapped joint pair " + std::to_string(n) + " (" + std::to_string(s) + ", " + std::to_string(t) +
-              ") is out of range: the source has " + std::to_string(source.pairOfJoint.size()) +
-              " joints, the target " + std::to_string(target.pairOfJoint.size());
+              ") is out of range: the source has " + std::to_string(source.pairOfJoint.size()) + " joints, the " +
+              target.label + " " + std::to_string(target.pairOfJoint.size());
       return false;
     }
     // A joint in several pairs keeps its first colour.
@@ -328,6 +328,13 @@ PreviewColour PreviewBackground()
 bool RenderPreview(const BvhFile& source, const BvhFile& target, const std::vector<std::pair<int, int>>& mappedJoints,
                    const PreviewOptions& options, const std::string& pngPath, std::string& error)
 {
+  return RenderPreview(source, {PreviewClip{&target, "target"}}, mappedJoints, options, pngPath, error);
+}
+
+bool RenderPreview(const BvhFile& source, const std::vector<PreviewClip>& targets,
+                   const std::vector<std::pair<int, int>>& mappedJoints, const PreviewOptions& options,
+                   const std::string& pngPath, std::string& error)
+{
   error.clear();
   if (options.panelSize < kMinPanel || options.panelSize > kMaxPanel)
   {
@@ -335,16 +342,34 @@ bool RenderPreview(const BvhFile& source, const BvhFile& target, const std::vect
             std::to_string(kMaxPanel) + " pixels";
     return false;
   }
-  if (source.joints.empty() || target.joints.empty())
+  std::vector<Figure> figures(1 + targets.size());
+  figures[0].file = &source;
+  figures[0].label = "source";
+  for (std::size_t i = 0; i < targets.size(); ++i)
   {
-    error = std::string("the ") + (source.joints.empty() ? "source" : "target") + " has no joints to draw";
+    figures[i + 1].file = targets[i].file;
+    figures[i + 1].label = targets[i].label;
+  }
+  const int columns = 2 * static_cast<int>(figures.size());
+  if (targets.empty() || columns > kMaxImageSide / options.panelSize)
+  {
+    error = "expected 1 to " + std::to_string(kMaxImageSide / options.panelSize / 2 - 1) +
+            " results to draw beside the source, found " + std::to_string(targets.size());
     return false;
   }
+  for (const Figure& f : figures)
+    if (f.file->joints.empty())
+    {
+      error = "the " + f.label + " has no joints to draw";
+      return false;
+    }
 
   std::vector<int> frames = options.frames;
   if (frames.empty())
   {
-    const int shorter = std::min(source.frameCount, target.frameCount);
+    int shorter = source.frameCount;
+    for (const Figure& f : figures)
+      shorter = std::min(shorter, f.file->frameCount);
     if (shorter <= 0)
       frames = {kRestFrame};
     else
@@ -353,22 +378,18 @@ bool RenderPreview(const BvhFile& source, const BvhFile& target, const std::vect
       frames.erase(std::unique(frames.begin(), frames.end()), frames.end());
     }
   }
-  if (!CheckFrames(frames, source, "source", error) || !CheckFrames(frames, target, "target", error))
-    return false;
+  for (const Figure& f : figures)
+    if (!CheckFrames(frames, *f.file, f.label, error))
+      return false;
   if (frames.size() > static_cast<std::size_t>(kMaxImageSide / options.panelSize))
   {
     error = std::to_string(frames.size()) + " frames of " + std::to_string(options.panelSize) +
             " pixels do not fit in one picture (at most " + std::to_string(kMaxImageSide / options.panelSize) + ")";
     return false;
   }
-
-  Figure figures[2];
-  figures[0].file = &source;
-  figures[0].label = "source";
-  figures[1].file = &target;
-  figures[1].label = "target";
-  if (!MapJoints(mappedJoints, figures[0], figures[1], error))
-    return false;
+  for (std::size_t i = 1; i < figures.size(); ++i)
+    if (!MapJoints(mappedJoints, figures[0], figures[i], error))
+      return false;
 
   const Layout layout = MakeLayout(options.panelSize);
   for (Figure& f : figures)
@@ -376,16 +397,16 @@ bool RenderPreview(const BvhFile& source, const BvhFile& target, const std::vect
 
   const int rows = static_cast<int>(frames.size());
   cairo_surface_t* surface =
-      cairo_image_surface_create(CAIRO_FORMAT_RGB24, kColumns * options.panelSize, rows * options.panelSize);
+      cairo_image_surface_create(CAIRO_FORMAT_RGB24, columns * options.panelSize, rows * options.panelSize);
   cairo_t* cr = cairo_create(surface);
   SetColour(cr, PreviewBackground());
   cairo_paint(cr);
   cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL, CAIRO_FONT_WEIGHT_NORMAL);
   for (int r = 0; r < rows; ++r)
-    for (int c = 0; c < kColumns; ++c)
-      DrawPanel(cr, figures[c / 2], frames[static_cast<std::size_t>(r)], c % 2 == 1, c * layout.panel,
-                r * layout.panel, layout);
-  DrawGrid(cr, rows, layout);
+    for (int c = 0; c < columns; ++c)
+      DrawPanel(cr, figures[static_cast<std::size_t>(c / 2)], frames[static_cast<std::size_t>(r)], c % 2 == 1,
+                c * layout.panel, r * layout.panel, layout);
+  DrawGrid(cr, rows, columns, layout);
 
   const cairo_status_t status = cairo_status(cr);
   bool ok = false;

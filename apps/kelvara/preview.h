@@ -50,4 +50,18 @@ PreviewColour PreviewBackground();
 bool RenderPreview(const BvhFile& source, const BvhFile& target, const std::vector<std::pair<int, int>>& mappedJoints,
                    const PreviewOptions& options, const std::string& pngPath, std::string& error);
 
+// A clip of the target's skeleton and the label its panels show.
+struct PreviewClip
+{
+  const BvhFile* file = nullptr;
+  std::string label;
+};
+
+// The same with several results side by side after the source, two columns each (front, side),
+// with a heavier border between figures: 2 * (1 + targets) panels wide. The pairs' target joints
+// index every one of targets.
+bool RenderPreview(const BvhFile& source, const std::vector<PreviewClip>& targets,
+                   const std::vector<std::pair<int, int>>& mappedJoints, const PreviewOptions& options,
+                   const std::string& pngPath, std::string& error);
+
 } // namespace kelvara

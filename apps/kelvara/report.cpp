@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <optional>
+#include <utility>
 
 #include "skeleton_pose.h"
 
@@ -87,6 +89,35 @@ json SlidesJson(const std::vector<FootSliding>& slides)
   return out;
 }
 
+// The bone of the other rest's run that b stands for.
+const BoneAngles* OtherRestBone(const ClipReport& r, const BoneAngles& b)
+{
+  for (const BoneAngles& o : r.otherRestBones)
+    if (o.targetJoint == b.targetJoint && o.targetChild == b.targetChild)
+      return &o;
+  return nullptr;
+}
+
+// The bones' mean angles averaged, {without, with} rest matching; none unless both runs were made.
+std::optional<std::pair<double, double>> MeanBoneAngles(const ClipReport& r)
+{
+  double written = 0.0;
+  double other = 0.0;
+  int n = 0;
+  for (const BoneAngles& b : r.bones)
+    if (const BoneAngles* o = OtherRestBone(r, b))
+    {
+      written += b.meanDegrees;
+      other += o->meanDegrees;
+      ++n;
+    }
+  if (n == 0)
+    return std::nullopt;
+  written /= n;
+  other /= n;
+  return r.matchRest ? std::pair(other, written) : std::pair(written, other);
+}
+
 json ClipJson(const ClipReport& r)
 {
   json clip = {{"source", r.source}, {"output", r.output}, {"status", r.ok ? "ok" : "failed"}};
@@ -111,15 +142,25 @@ json ClipJson(const ClipReport& r)
   }
   if (r.measured)
   {
+    auto angles = [](const BoneAngles& b) {
+      return json{{"meanAngleDegrees", b.meanDegrees}, {"maxAngleDegrees", b.maxDegrees}};
+    };
     json bones = json::array();
     for (const BoneAngles& b : r.bones)
-      bones.push_back({{"targetJoint", b.targetJoint},
-                       {"targetChild", b.targetChild},
-                       {"sourceJoint", b.sourceJoint},
-                       {"sourceChild", b.sourceChild},
-                       {"meanAngleDegrees", b.meanDegrees},
-                       {"maxAngleDegrees", b.maxDegrees}});
+    {
+      json bone = {{"targetJoint", b.targetJoint}, {"targetChild", b.targetChild}, {"sourceJoint", b.sourceJoint},
+                   {"sourceChild", b.sourceChild}, {"meanAngleDegrees", b.meanDegrees}, {"maxAngleDegrees", b.maxDegrees}};
+      if (const BoneAngles* other = OtherRestBone(r, b))
+      {
+        bone["withoutMatchRest"] = angles(r.matchRest ? *other : b);
+        bone["withMatchRest"] = angles(r.matchRest ? b : *other);
+      }
+      bones.push_back(bone);
+    }
     clip["bones"] = bones;
+    clip["matchRest"] = r.matchRest;
+    if (const auto means = MeanBoneAngles(r))
+      clip["meanBoneAngleDegrees"] = {{"withoutMatchRest", means->first}, {"withMatchRest", means->second}};
     clip["footSliding"] = {{"source", SlidesJson(r.sourceFeet)}, {"target", SlidesJson(r.targetFeet)}};
   }
   return clip;
@@ -301,6 +342,16 @@ void MeasureQuality(const BvhFile& source, const BvhFile& output, ClipReport& re
   report.measured = true;
 }
 
+bool MeasureOtherRest(const PreparedRetarget& prepared, const BvhFile& clip, ClipReport& report, std::string& error)
+{
+  BvhFile other;
+  if (!RunWithOtherRest(prepared, clip, other, error))
+    return false;
+  report.matchRest = !prepared.targetRest.empty();
+  report.otherRestBones = MeasureBoneAngles(clip, other, prepared.sourceOfTarget);
+  return true;
+}
+
 bool MeasureWrittenQuality(ClipReport& report, std::string& error)
 {
   BvhFile source;
@@ -374,6 +425,9 @@ void PrintReportTable(std::FILE* out, const std::vector<ClipReport>& clips)
     std::fprintf(out, "%-28s %-15s %6zu %8zu %-30s %9.3g %9.3g %5zu\n", name.c_str(), presets.c_str(),
                  r.pairs.size(), r.unpairedTarget.size() + r.unpairedSource.size(), bone,
                  FastestSlide(r.sourceFeet), FastestSlide(r.targetFeet), r.warnings.size());
+    if (const auto means = MeanBoneAngles(r))
+      std::fprintf(out, "%-28s bones' mean angle %.3g degrees without --match-rest, %.3g with (written: %s)\n", "",
+                   means->first, means->second, r.matchRest ? "with" : "without");
   }
 }
 

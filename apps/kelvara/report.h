@@ -26,7 +26,12 @@
 //   "bones"                   [{"targetJoint", "targetChild", "sourceJoint", "sourceChild",
 //                               "meanAngleDegrees", "maxAngleDegrees"}] per mapped bone (a joint
 //                             and its child, both paired): the angle between the source's and the
-//                             target's world bone directions over every frame
+//                             target's world bone directions over every frame, in the written
+//                             output; with "withoutMatchRest" and "withMatchRest" ({"meanAngleDegrees",
+//                             "maxAngleDegrees"}) when the run was also made the other way
+//   "matchRest"               whether the written output's target rest was matched to the source's
+//   "meanBoneAngleDegrees"    {"withoutMatchRest", "withMatchRest"}: the bones' mean angles averaged,
+//                             when both runs were made
 //   "footSliding"             {"source": [slide], "target": [slide]}; slide = {"joint",
 //                             "speed", "lowSeconds"}: horizontal travel (square to the character's
 //                             up) of a foot or toe joint while it is within its lowest height band,
@@ -109,6 +114,10 @@ struct ClipReport
   bool rootMotion = true;
   bool measured = false; // bones and foot sliding below are known
   std::vector<BoneAngles> bones;
+  bool matchRest = false; // the written output ran on the target's rest matched to the source's
+  // The same bones measured on a run with the other choice of target rest (RunWithOtherRest);
+  // empty when that run was not made.
+  std::vector<BoneAngles> otherRestBones;
   std::vector<FootSliding> sourceFeet;
   std::vector<FootSliding> targetFeet;
   std::vector<std::string> warnings;
@@ -139,6 +148,10 @@ std::vector<BoneAngles> MeasureBoneAngles(const BvhFile& source, const BvhFile& 
 // divided by the time between them.
 FootSliding MeasureFootSliding(const BvhFile& file, int joint, const telvo::Vector& up, double band);
 
+// Runs clip the other way round (RunWithOtherRest) and keeps its bone angles in
+// report.otherRestBones, so that the report shows the bones with and without rest matching.
+bool MeasureOtherRest(const PreparedRetarget& prepared, const BvhFile& clip, ClipReport& report, std::string& error);
+
 // Bones and foot sliding of the clip, from the two files as written.
 void MeasureQuality(const BvhFile& source, const BvhFile& output, ClipReport& report);
 // The same after reading report.source and report.output back from disk.
@@ -148,7 +161,8 @@ nlohmann::ordered_json ReportJson(const std::vector<ClipReport>& clips, double s
 // Writes the JSON report atomically (a temporary beside it renamed over path).
 bool WriteReport(const std::string& path, const std::vector<ClipReport>& clips, double seconds, std::string& error);
 
-// A short table: per clip the presets, pairs, the worst bone, the foot sliding and the warnings.
+// A short table: per clip the presets, pairs, the worst bone, the foot sliding and the warnings,
+// and the bones' mean angle with and without rest matching when both runs were made.
 void PrintReportTable(std::FILE* out, const std::vector<ClipReport>& clips);
 
 } // namespace kelvara

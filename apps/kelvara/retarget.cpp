@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "match_rest.h"
 #include "rotation.h"
 #include "telvo/registrybase.h"
 
@@ -352,6 +353,16 @@ bool ClipRetarget::Run(const BvhFile& sf, BvhFile& output, std::string& error)
   for (telvo::CharacterNodeTransform& d : _deltaOfTarget)
     d.Reset();
   return true;
+}
+
+bool RunWithOtherRest(const PreparedRetarget& prepared, const BvhFile& clip, BvhFile& output, std::string& error)
+{
+  PreparedRetarget other = prepared;
+  other.targetRest = prepared.targetRest.empty()
+                       ? MatchCharacterRest(*prepared.source, *prepared.target, prepared.sourceOfTarget).targetRest
+                       : std::vector<Matrix>();
+  ClipRetarget run;
+  return run.Setup(other, error) && run.Run(clip, output, error);
 }
 
 } // namespace kelvara

@@ -99,6 +99,11 @@ private:
   bool _validated = false;
 };
 
+// clip run once more with the other choice of target rest than prepared's: the target's own rest
+// when prepared matched it to the source (targetRest set), the matched one when not. Reports and
+// the demo's picture use it to show both results side by side.
+bool RunWithOtherRest(const PreparedRetarget& prepared, const BvhFile& clip, BvhFile& output, std::string& error);
+
 // A BVH joint's local matrix in one frame: the offset with any position channel replacing its
 // component, and the channels' rotation.
 telvo::Matrix JointLocalMatrix(const BvhJoint& joint, const double* row);

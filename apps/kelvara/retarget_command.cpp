@@ -61,7 +61,8 @@ void PrintCharacter(const char* label, const Character& c)
 // Everything that holds module objects lives in here, so that all of it is released before the
 // module is unloaded.
 int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& options,
-          const std::vector<JointPair>& mapPairs, double rootScale, BvhFile& output, ClipReport* report)
+          const std::vector<JointPair>& mapPairs, double rootScale, BvhFile& output, ClipReport* report,
+          BvhFile* otherRest)
 {
   std::string error;
   telvo::Result<telvo::KelvaraHelperRef> helper =
@@ -190,6 +191,16 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
     DescribePairing(job, !sourcePreset.empty(), !targetPreset.empty(), *report);
     for (const std::string& warning : report->warnings)
       std::fprintf(stderr, "kelvara: warning: %s\n", warning.c_str());
+    if (!MeasureOtherRest(job, source, *report, error))
+    {
+      std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+      return 1;
+    }
+  }
+  if (otherRest != nullptr && !RunWithOtherRest(job, source, *otherRest, error))
+  {
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
+    return 1;
   }
   output = std::move(job.output);
   return 0;
@@ -210,7 +221,7 @@ bool ParseRootScale(const std::string& text, double& scale)
 } // namespace
 
 int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetOptions& options, double readSeconds,
-                   double inputBytes)
+                   double inputBytes, BvhFile* otherRest)
 {
   const Clock::time_point solveStart = Clock::now();
   double rootScale = 0.0;
@@ -238,7 +249,8 @@ int RetargetLoaded(const BvhFile& source, const BvhFile& target, const RetargetO
   report.frames = source.frameCount;
   report.frameTime = source.frameTime;
   const int status =
-    Solve(source, target, options, mapPairs, rootScale, output, options.reportPath.empty() ? nullptr : &report);
+    Solve(source, target, options, mapPairs, rootScale, output, options.reportPath.empty() ? nullptr : &report,
+          otherRest);
   module->Unload();
   if (status != 0)
     return status;

@@ -1,5 +1,6 @@
 #include "demo.h"
 
+#include <cairo.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 
 #include "bvh.h"
 #include "rotation.h"
+#include "support/run_app.h"
 
 namespace kelvara
 {
@@ -301,6 +303,42 @@ TEST(DemoWalk, IsDeterministic)
   std::string error;
   EXPECT_EQ(empty.frameCount, 0);
   EXPECT_TRUE(ValidateBvh(empty, error)) << error;
+}
+
+using DemoCommand = kelvara_test::AppFolderTest;
+
+// The picture shows the walk and both results, the target's own rest beside the matched one,
+// whichever of them was written: six panels a row, and the A-pose arms tell the two apart.
+TEST_F(DemoCommand, PreviewShowsBothRestChoicesSideBySide)
+{
+  for (const char* flags : {"", " --match-rest"})
+  {
+    SCOPED_TRACE(flags);
+    const kelvara_test::AppOutcome run = Kelvara(std::string("demo --frames 40 -o walk.bvh") + flags);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("wrote walk_preview.png: the walk and its retarget on the target's own rest and on the "
+                           "matched rest"),
+              std::string::npos)
+      << run.out;
+    cairo_surface_t* png = cairo_image_surface_create_from_png((_dir / "walk_preview.png").c_str());
+    ASSERT_EQ(cairo_surface_status(png), CAIRO_STATUS_SUCCESS);
+    const int width = cairo_image_surface_get_width(png);
+    const int height = cairo_image_surface_get_height(png);
+    const int panel = height / 3;
+    EXPECT_EQ(width, 6 * panel);
+    // Pixels that differ between the two target figures' front panels, below their labels.
+    const unsigned char* data = cairo_image_surface_get_data(png);
+    const int stride = cairo_image_surface_get_stride(png);
+    int differing = 0;
+    for (int y = panel / 5; y < height; ++y)
+      for (int x = 0; x < panel; ++x)
+      {
+        const auto* row = reinterpret_cast<const std::uint32_t*>(data + static_cast<std::ptrdiff_t>(y) * stride);
+        differing += row[2 * panel + x] != row[4 * panel + x] ? 1 : 0;
+      }
+    cairo_surface_destroy(png);
+    EXPECT_GT(differing, 200);
+  }
 }
 
 } // namespace

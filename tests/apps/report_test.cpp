@@ -14,6 +14,7 @@
 #include "demo.h"
 #include "report.h"
 #include "support/loaded_module.h"
+#include "support/run_app.h"
 #include "telvo/registrybase.h"
 
 namespace kelvara
@@ -210,6 +211,75 @@ TEST(ReportJson, KeysAreLowerCamelCaseAndFailuresKeepTheirMessage)
   EXPECT_FALSE(json["clips"][1].contains("bones"));
   EXPECT_EQ(json["summary"]["failed"], 1);
   EXPECT_EQ(json["summary"]["frames"], 3);
+}
+
+class ReportMatchRestTest : public kelvara_test::AppFolderTest
+{
+protected:
+  void SetUp() override
+  {
+    AppFolderTest::SetUp();
+    std::string error;
+    ASSERT_TRUE(WriteBvh((_dir / "walk.bvh").string(), MakeDemoSource(30), error)) << error;
+    ASSERT_TRUE(WriteBvh((_dir / "target.bvh").string(), MakeDemoTarget(), error)) << error;
+  }
+
+  nlohmann::json Report(const std::string& args)
+  {
+    const kelvara_test::AppOutcome run = Kelvara(args + " --report report.json -q");
+    EXPECT_EQ(run.status, 0) << run.err;
+    std::ifstream in(_dir / "report.json");
+    return nlohmann::json::parse(in, nullptr, false);
+  }
+};
+
+// The demo target rests in an A-pose: its upper arms are 45 degrees off the source's without
+// rest matching and on them with it, and every report shows both figures whichever was written.
+TEST_F(ReportMatchRestTest, EveryBoneShowsBothRunsInSingleAndBatchReports)
+{
+  const nlohmann::json own = Report("retarget walk.bvh --target target.bvh -o own.bvh")["clips"][0];
+  const nlohmann::json matched = Report("retarget walk.bvh --target target.bvh -o matched.bvh --match-rest")["clips"][0];
+  std::filesystem::copy_file(_dir / "walk.bvh", _dir / "walk2.bvh");
+  const nlohmann::json batch =
+    Report("retarget walk.bvh walk2.bvh --target target.bvh -o out --match-rest --jobs 2")["clips"];
+  ASSERT_EQ(batch.size(), 2u);
+  EXPECT_EQ(own["matchRest"], false);
+  EXPECT_EQ(matched["matchRest"], true);
+
+  ASSERT_EQ(own["bones"].size(), matched["bones"].size());
+  ASSERT_GT(own["bones"].size(), 15u);
+  for (std::size_t i = 0; i < own["bones"].size(); ++i)
+  {
+    const nlohmann::json& a = own["bones"][i];
+    const nlohmann::json& b = matched["bones"][i];
+    SCOPED_TRACE(a["targetJoint"].get<std::string>() + " -> " + a["targetChild"].get<std::string>());
+    // What each run wrote is what the other run measured in memory.
+    EXPECT_NEAR(a["meanAngleDegrees"], a["withoutMatchRest"]["meanAngleDegrees"], 1e-9);
+    EXPECT_NEAR(b["meanAngleDegrees"], b["withMatchRest"]["meanAngleDegrees"], 1e-9);
+    for (const char* run : {"withoutMatchRest", "withMatchRest"})
+    {
+      EXPECT_NEAR(a[run]["meanAngleDegrees"], b[run]["meanAngleDegrees"], 1e-6) << run;
+      EXPECT_NEAR(a[run]["maxAngleDegrees"], b[run]["maxAngleDegrees"], 1e-6) << run;
+      for (const nlohmann::json& clip : batch)
+        EXPECT_NEAR(clip["bones"][i][run]["meanAngleDegrees"], b[run]["meanAngleDegrees"], 1e-6) << run;
+    }
+    // A joint with one mapped child turns onto its source bone; one with several (pelvis, chest)
+    // gets the best fit for all, which cannot undo different proportions.
+    int siblings = 0;
+    for (const nlohmann::json& other : own["bones"])
+      siblings += other["targetJoint"] == a["targetJoint"] ? 1 : 0;
+    if (siblings == 1)
+    {
+      EXPECT_LT(b["withMatchRest"]["maxAngleDegrees"], 1e-3);
+    }
+    if (a["targetJoint"] == "upperarm_l" || a["targetJoint"] == "lowerarm_r")
+    {
+      EXPECT_NEAR(a["withoutMatchRest"]["meanAngleDegrees"], 45.0, 1e-3);
+    }
+  }
+  const nlohmann::json& means = own["meanBoneAngleDegrees"];
+  EXPECT_GT(means["withoutMatchRest"].get<double>(), means["withMatchRest"].get<double>() + 5.0);
+  EXPECT_EQ(matched["meanBoneAngleDegrees"], means);
 }
 
 } // namespace
