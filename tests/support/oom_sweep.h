@@ -72,3 +72,79 @@ int SweepOutOfMemory(SETUP&& setup, OPERATION&& operation, SNAPSHOT&& snapshot)
 }
 
 } // namespace kelvara_test
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "telvo/registrybase.h"
+
+namespace kelvara_test
+{
+
+// Sweeps a factory that needs no state: every failing run returns OutOfMemoryError and leaks
+// nothing. Returns the number of failing runs.
+template <typename CREATE>
+int SweepCreation(CREATE&& create)
+{
+  return SweepOutOfMemory([] { return 0; }, [&](int&) { return create(); }, [](const int&) { return std::string(); });
+}
+
+// True when text is some of pieces, in their order, each whole.
+inline bool IsMadeOfPieces(std::string_view text, const std::vector<std::string>& pieces, size_t from = 0)
+{
+  if (text.empty())
+    return true;
+  for (size_t k = from; k < pieces.size(); ++k)
+    if (!pieces[k].empty() && text.starts_with(pieces[k]) && IsMadeOfPieces(text.substr(pieces[k].size()), pieces, k + 1))
+      return true;
+  return false;
+}
+
+// The lines of text, each with its line feed.
+inline std::vector<std::string> Lines(std::string_view text)
+{
+  std::vector<std::string> lines;
+  for (size_t start = 0; start < text.size();)
+  {
+    const size_t end = std::min(text.find('\n', start), text.size() - 1) + 1;
+    lines.emplace_back(text.substr(start, end - start));
+    start = end;
+  }
+  return lines;
+}
+
+// Sweeps toString(), which returns a telvo::String: the run without a failure gives all pieces
+// joined; a run with a failure drops whole pieces only. Returns the number of failing runs.
+template <typename TO_STRING>
+int SweepTextPieces(TO_STRING&& toString, const std::vector<std::string>& pieces)
+{
+  std::string whole;
+  for (const std::string& piece : pieces)
+    whole += piece;
+  return SweepAllocationFailures(
+    [] { return 0; }, [&](int&) { return std::string(toString().View()); },
+    [&](int&, const std::string& text, bool failed) {
+      if (!failed)
+        EXPECT_EQ(text, whole);
+      else
+        EXPECT_TRUE(IsMadeOfPieces(text, pieces)) << text;
+    });
+}
+
+// create() with classId hidden from the registry fails with the reason-zero null-return error and
+// leaves nothing alive.
+template <typename CREATE>
+void ExpectHiddenClassRefused(const char* classId, CREATE&& create)
+{
+  telvo::Registry::Get().SetClassHidden(classId, true);
+  const telvo::Int liveBefore = telvo::Allocator::GetLiveCount();
+  auto result = create();
+  const telvo::Int liveAfter = telvo::Allocator::GetLiveCount();
+  telvo::Registry::Get().SetClassHidden(classId, false);
+  ASSERT_TRUE(result.IsError());
+  EXPECT_TRUE(result.GetError() == telvo::NullReturnError(0));
+  EXPECT_EQ(liveAfter, liveBefore);
+}
+
+} // namespace kelvara_test

@@ -57,3 +57,28 @@ private:
 };
 
 } // namespace kelvara_test
+
+#include <gtest/gtest.h>
+
+namespace kelvara_test
+{
+
+// describe(describer) declares exactly `expected`, in order, and stops at whichever declaration
+// the describer refuses, handing back the describer's error.
+template <typename DESCRIBE>
+void ExpectDescribes(DESCRIBE&& describe, const std::vector<DeclaredMember>& expected)
+{
+  RecordingDescriber describer;
+  ASSERT_TRUE(describe(describer).IsOk());
+  EXPECT_EQ(describer.members, expected);
+  for (int failAt = 1; failAt <= static_cast<int>(expected.size()); ++failAt)
+  {
+    RecordingDescriber refusing(failAt);
+    telvo::Result<void> result = describe(refusing);
+    ASSERT_TRUE(result.IsError()) << "refused declaration " << failAt;
+    EXPECT_TRUE(result.GetError() == refusing.failure) << "refused declaration " << failAt;
+    EXPECT_EQ(refusing.calls, failAt);
+  }
+}
+
+} // namespace kelvara_test
