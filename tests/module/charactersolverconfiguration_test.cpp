@@ -49,8 +49,8 @@ TEST_F(CharacterSolverConfigurationTest, ValidationNeedsTheSourceFirstThenTheTar
       SCOPED_TRACE(std::to_string(source) + std::to_string(target));
       ASSERT_TRUE(Writable()->SetSourceCharacter(source ? _source : CharacterDefinition()).IsOk());
       ASSERT_TRUE(Writable()->SetTargetCharacter(target ? _target : CharacterDefinition()).IsOk());
-      EXPECT_EQ(Text(), std::string("Source Character : ") + (source ? "Performer" : "") + "\nTarget Character : " +
-                          (target ? "Hero" : "") + "\n");
+      EXPECT_EQ(Text(), std::string("Source Character : ") + (source ? "Performer" : "") +
+                          "\nTarget Character : " + (target ? "Hero" : "") + "\n");
       Result<void> valid = _configuration->Validate();
       if (source && target)
       {
