@@ -39,59 +39,44 @@ TEST(UuidText, CanonicalFormReadsBackInEitherCase)
 
 TEST(UuidValue, NullEqualsZeroAndBytesCompareLikeMemcmp)
 {
-  const Uuid zero = TaggedUuid(0, 0);
-  EXPECT_FALSE(zero.IsNull());
-  EXPECT_FALSE(zero.IsValid());
-  EXPECT_FALSE(Uuid().IsValid());
-  EXPECT_TRUE(MakeUuid(kText).IsValid());
-  EXPECT_TRUE(zero == Uuid());
+  EXPECT_FALSE(TaggedUuid(0, 0).IsValid());
+  EXPECT_TRUE(TaggedUuid(0, 0) == Uuid());
   EXPECT_EQ(Uuid().GetHash(), String::HashText(std::string(16, '\0')));
-  EXPECT_EQ(zero.GetHash(), Uuid().GetHash());
   EXPECT_EQ(TaggedUuid(7, 1).Compare(TaggedUuid(7, 1)), 0);
   // Ascending, bytes unsigned: byte 15 < byte 14 < byte 0 < byte 0 with the top bit set.
   const Uuid ordered[] = {Uuid(), TaggedUuid(0xff, 0), TaggedUuid(0x100, 0), TaggedUuid(0, 0x01),
                           TaggedUuid(0, 0x80)};
-  for (int i = 0; i < 5; ++i)
-    for (int j = 0; j < 5; ++j)
-    {
-      const Int c = ordered[i].Compare(ordered[j]);
-      EXPECT_EQ((c > 0) - (c < 0), (i > j) - (i < j)) << i << " vs " << j;
-    }
+  for (int i = 0; i < 4; ++i)
+  {
+    EXPECT_LT(ordered[i].Compare(ordered[i + 1]), 0) << i;
+    EXPECT_GT(ordered[i + 1].Compare(ordered[i]), 0) << i;
+  }
 }
 
-TEST(UuidSharing, CopiesShareAndWritesCopyFirst)
+TEST(UuidSharing, CopiesShareAndWritesCopyFirstOrFailWithoutChange)
 {
   const Int live = Allocator::GetLiveCount();
   {
     Uuid a = MakeUuid(kText);
-    Uuid b = a;
-    EXPECT_TRUE(a.IsSameObject(b));
-    Uuid c = std::move(b);
-    EXPECT_TRUE(b.IsNull());
+    Uuid c = a;
     EXPECT_EQ(a.GetReferenceCount(), 2);
     ASSERT_TRUE(c.SetBytes(Uuid::Bytes{}).IsOk());
     EXPECT_EQ(a.GetBytes(), kBytes);
     EXPECT_EQ(a.GetReferenceCount(), 1);
-    EXPECT_EQ(c.GetReferenceCount(), 1);
     ASSERT_TRUE(c.SetBytes(kBytes).IsOk()); // a private block is written in place
-    EXPECT_EQ(Allocator::GetLiveCount(), live + 2);
     Uuid n;
     ASSERT_TRUE(n.MakeWritable().IsOk()); // a null handle gets a zero block of its own
     EXPECT_EQ(n.GetReferenceCount(), 1);
-    EXPECT_TRUE(n == Uuid());
+    EXPECT_EQ(Allocator::GetLiveCount(), live + 3);
   }
   EXPECT_EQ(Allocator::GetLiveCount(), live);
-}
 
-TEST(UuidOutOfMemory, FailedWritesLeaveTheHandleUnchanged)
-{
   Uuid original = MakeUuid(kText);
   Uuid shared = original;
   Uuid null;
   for (Uuid* u : {&shared, &null})
   {
     const Uuid before = *u;
-    const Int live = Allocator::GetLiveCount();
     Allocator::FailNthAllocation(1);
     Result<void> r = u->MakeWritable();
     Allocator::FailNthAllocation(1);
@@ -100,7 +85,6 @@ TEST(UuidOutOfMemory, FailedWritesLeaveTheHandleUnchanged)
     EXPECT_TRUE(r.GetError().IsClass(OutOfMemoryError));
     EXPECT_TRUE(s.GetError().IsClass(OutOfMemoryError));
     EXPECT_TRUE(u->IsSameObject(before));
-    EXPECT_EQ(Allocator::GetLiveCount(), live);
   }
   EXPECT_EQ(original.GetBytes(), kBytes);
   Allocator::FailNthAllocation(1);
