@@ -14,79 +14,38 @@ using namespace telvo;
 namespace
 {
 
-const std::vector<std::string> kUnitsInLoadOrder{
-  "source/impl/kelvarahelper_impl",
-  "source/impl/charactersolver_impl",
-  "source/impl/charactertree_impl",
-  "source/impl/characternodetransform_impl",
-  "source/impl/characterbodypartsolversetting_impl",
-  "source/impl/characterdefinition_impl",
-  "source/impl/characterassociation_impl",
-  "source/impl/characterbodypart_impl",
-  "source/impl/characterpose_impl",
-  "source/impl/charactersolverconfiguration_impl",
-  "generated/hxx/interface_registration",
-  "register",
-  "source/impl/characternodeinfo_impl",
-};
-
-const std::vector<std::string> kClassesInLoadOrder{
-  "net.telvo.animation.class.kelvarahelper",
-  "net.telvo.animation.class.charactersolver",
-  "net.telvo.animation.class.charactertree",
-  "net.telvo.animation.class.characternodetransform",
-  "net.telvo.animation.class.characterbodypartsolversetting",
-  "net.telvo.animation.class.characterdefinition",
-  "net.telvo.animation.class.characterassociation",
-  "net.telvo.animation.class.characterbodypart",
-  "net.telvo.animation.class.characterpose",
-  "net.telvo.animation.class.charactersolverconfiguration",
-  "net.telvo.animation.class.characternodeinfo",
-};
-
-const std::vector<std::string> kInterfaces{
-  "net.telvo.animation.interface.characterbodypart",
-  "net.telvo.animation.interface.characternodetransform",
-  "net.telvo.animation.interface.charactertree",
-  "net.telvo.animation.interface.characterbodypartsolversetting",
-  "net.telvo.animation.interface.characterpose",
-  "net.telvo.animation.interface.kelvarahelper",
-  "net.telvo.animation.interface.characterdefinition",
-  "net.telvo.animation.interface.charactersolver",
-  "net.telvo.animation.interface.characterassociation",
-  "net.telvo.animation.interface.characternodeinfo",
-  "net.telvo.animation.interface.charactersolverconfiguration",
-};
-
-const std::vector<std::string> kDataTypes{
-  "telvo::CharacterAssociation",  "telvo::CharacterNodeInfo",
-  "telvo::CharacterSolverConfiguration", "telvo::CharacterBodyPartRef",
-  "telvo::CharacterNodeTransform", "telvo::CharacterTreeRef",
-  "telvo::CharacterBodyPartSolverSetting", "telvo::CharacterPose",
-  "telvo::KelvaraHelperRef",      "telvo::CharacterDefinition",
-  "telvo::CharacterSolver",
-};
-
-const std::vector<std::string> kDependencies{
-  "net.telvo.animation_base_private.framework", "net.telvo.core.framework", "net.telvo.math.framework",
-  "net.telvo.telvo.framework",                  "net.telvo.misc.framework", "net.telvo.kelvara.framework",
-};
-
-std::vector<std::string> Names(const std::vector<RegistryEvent>& journal, RegistryKind kind, bool registered)
+std::vector<std::string> Words(const std::string& text)
 {
-  std::vector<std::string> names;
-  for (const RegistryEvent& event : journal)
-    if (event.kind == kind && event.registered == registered && event.owner == "net.telvo.kelvara")
-      names.push_back(event.name);
-  return names;
+  std::istringstream in(text);
+  std::vector<std::string> words;
+  for (std::string word; in >> word;)
+    words.push_back(word);
+  return words;
 }
 
-std::string Describe(const std::vector<std::string>& names)
+// The implementations in the order they register; the registration units come before the last one.
+const std::vector<std::string> kImplementations =
+  Words("kelvarahelper charactersolver charactertree characternodetransform characterbodypartsolversetting "
+        "characterdefinition characterassociation characterbodypart characterpose charactersolverconfiguration "
+        "characternodeinfo");
+const std::vector<std::string> kInterfaces =
+  Words("characterbodypart characternodetransform charactertree characterbodypartsolversetting characterpose "
+        "kelvarahelper characterdefinition charactersolver characterassociation characternodeinfo "
+        "charactersolverconfiguration");
+const std::vector<std::string> kDataTypes =
+  Words("CharacterAssociation CharacterNodeInfo CharacterSolverConfiguration CharacterBodyPartRef "
+        "CharacterNodeTransform CharacterTreeRef CharacterBodyPartSolverSetting CharacterPose KelvaraHelperRef "
+        "CharacterDefinition CharacterSolver");
+const std::vector<std::string> kDependencies =
+  Words("net.telvo.animation_base_private.framework net.telvo.core.framework net.telvo.math.framework "
+        "net.telvo.telvo.framework net.telvo.misc.framework net.telvo.kelvara.framework");
+
+std::vector<std::string> Prefixed(const char* prefix, const std::vector<std::string>& names, const char* suffix = "")
 {
-  std::ostringstream out;
+  std::vector<std::string> prefixed;
   for (const std::string& name : names)
-    out << "\n  " << name;
-  return out.str();
+    prefixed.push_back(prefix + name + suffix);
+  return prefixed;
 }
 
 // Death tests re-run the binary, so the child starts without the module loaded.
@@ -107,15 +66,15 @@ TEST_F(ModuleFrameTest, ExportsExactlyTheModuleRecordAndTheYieldDelegate)
   {
     std::istringstream fields(line);
     std::string address, type, name;
-    fields >> address >> type >> name;
-    if (!name.empty())
+    if (fields >> address >> type >> name)
       defined.insert(name);
   }
   ASSERT_EQ(pclose(pipe), 0) << command;
   EXPECT_EQ(defined, (std::set<std::string>{"g_CpuYieldDelegate", "g_telvo"}));
 }
 
-// Loads and unloads the module in a fresh process and checks every registration and withdrawal.
+// Loads and unloads the module in a fresh process, checks every registration and withdrawal and
+// exits with 1 on any mismatch.
 void LoadCheckAndUnload()
 {
   Registry& registry = Registry::Get();
@@ -125,50 +84,49 @@ void LoadCheckAndUnload()
   if (!module)
   {
     std::fprintf(stderr, "load failed: %s\n", why.c_str());
-    std::exit(3);
+    std::exit(100);
   }
   const std::vector<RegistryEvent> loaded = registry.GetJournal();
+  std::vector<std::string> units = Prefixed("source/impl/", kImplementations, "_impl");
+  units.insert(units.end() - 1, {"generated/hxx/interface_registration", "register"});
   int failures = 0;
-  auto expectNames = [&](RegistryKind kind, const std::vector<std::string>& expected) {
-    std::vector<std::string> actual = Names(loaded, kind, true);
-    if (actual != expected)
+  for (auto [kind, expected] : {std::pair{RegistryKind::Unit, units},
+                                {RegistryKind::Class, Prefixed("net.telvo.animation.class.", kImplementations)},
+                                {RegistryKind::Interface, Prefixed("net.telvo.animation.interface.", kInterfaces)},
+                                {RegistryKind::DataType, Prefixed("telvo::", kDataTypes)},
+                                {RegistryKind::Dependency, kDependencies}})
+  {
+    std::string actual, wanted;
+    for (const RegistryEvent& event : loaded)
+      if (event.kind == kind && event.registered && event.owner == "net.telvo.kelvara")
+        actual += "\n  " + event.name;
+    for (const std::string& name : expected)
+      wanted += "\n  " + name;
+    if (actual != wanted)
     {
-      std::fprintf(stderr, "%s registered:%s\nexpected:%s\n", RegistryKindName(kind), Describe(actual).c_str(),
-                   Describe(expected).c_str());
+      std::fprintf(stderr, "%s registered:%s\nexpected:%s\n", RegistryKindName(kind), actual.c_str(), wanted.c_str());
       ++failures;
     }
-  };
-  expectNames(RegistryKind::Unit, kUnitsInLoadOrder);
-  expectNames(RegistryKind::Class, kClassesInLoadOrder);
-  expectNames(RegistryKind::Interface, kInterfaces);
-  expectNames(RegistryKind::DataType, kDataTypes);
-  expectNames(RegistryKind::Dependency, kDependencies);
+  }
   const std::vector<std::string>* installed = registry.GetDependencies("net.telvo.kelvara");
-  if (installed == nullptr || *installed != kDependencies)
-    ++failures;
+  failures += installed == nullptr || *installed != kDependencies;
 
   registry.ClearJournal();
   module->Unload();
-  const std::vector<RegistryEvent> withdrawn = registry.GetJournal();
   // Withdrawal is the registration in reverse, entry for entry.
   std::vector<std::pair<RegistryKind, std::string>> expectedWithdrawal, actualWithdrawal;
   for (auto it = loaded.rbegin(); it != loaded.rend(); ++it)
     if (it->kind != RegistryKind::Framework)
       expectedWithdrawal.emplace_back(it->kind, it->name);
-  for (const RegistryEvent& event : withdrawn)
+  for (const RegistryEvent& event : registry.GetJournal())
     if (event.kind != RegistryKind::Framework)
       actualWithdrawal.emplace_back(event.kind, event.name);
-  if (actualWithdrawal != expectedWithdrawal)
-  {
-    std::fprintf(stderr, "withdrawal is not the reverse of registration\n");
-    ++failures;
-  }
-  for (const std::string& id : kClassesInLoadOrder)
-    if (registry.FindClass(id) != nullptr)
-      ++failures;
-  if (registry.GetDependencies("net.telvo.kelvara") != nullptr || registry.GetFrameworkUseCount("net.telvo.kelvara.framework") != 0 ||
-      registry.HasModule("net.telvo.kelvara"))
-    ++failures;
+  failures += actualWithdrawal != expectedWithdrawal;
+  for (const std::string& id : Prefixed("net.telvo.animation.class.", kImplementations))
+    failures += registry.FindClass(id) != nullptr;
+  failures += registry.GetDependencies("net.telvo.kelvara") != nullptr ||
+              registry.GetFrameworkUseCount("net.telvo.kelvara.framework") != 0 ||
+              registry.HasModule("net.telvo.kelvara");
   std::exit(failures == 0 ? 0 : 1);
 }
 
@@ -193,12 +151,10 @@ TEST_F(ModuleFrameTest, RefusesFilesThatAreNotModules)
   std::string why;
   EXPECT_EQ(LoadedModule::Load("/nonexistent/libkelvara.so", why), nullptr);
   EXPECT_NE(why.find("/nonexistent/libkelvara.so"), std::string::npos) << why;
-
   // The framework library is a shared object but announces nothing.
   const std::string modulePath = kelvara_test::ModulePath();
-  const std::string frameworkPath = modulePath.substr(0, modulePath.rfind('/')) + "/libtelvo.so";
   why.clear();
-  EXPECT_EQ(LoadedModule::Load(frameworkPath, why), nullptr);
+  EXPECT_EQ(LoadedModule::Load(modulePath.substr(0, modulePath.rfind('/')) + "/libtelvo.so", why), nullptr);
   EXPECT_NE(why.find("not a module"), std::string::npos) << why;
 }
 
