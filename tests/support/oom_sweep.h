@@ -148,3 +148,35 @@ void ExpectHiddenClassRefused(const char* classId, CREATE&& create)
 }
 
 } // namespace kelvara_test
+
+namespace kelvara_test
+{
+
+// Sweeps change(writable) on one of two holders of make()'s object, so that the change has to copy
+// first: each failing run returns OutOfMemoryError and leaves both holders as snapshot showed them.
+// Returns the number of failing runs.
+template <typename MAKE, typename CHANGE, typename SNAPSHOT>
+int SweepSharedChange(MAKE&& make, CHANGE&& change, SNAPSHOT&& snapshot)
+{
+  return SweepOutOfMemory(
+    [&] {
+      auto object = make();
+      return std::pair{object, object};
+    },
+    [&](auto& state) -> telvo::Result<void> {
+      auto writable = state.first.MakeWritable();
+      if (writable.IsError())
+        return writable.GetError();
+      return change(writable.GetValue());
+    },
+    [&](const auto& state) { return snapshot(state.first) + "|" + snapshot(state.second); });
+}
+
+// The same, with the objects' texts as the snapshot.
+template <typename MAKE, typename CHANGE>
+int SweepSharedChange(MAKE&& make, CHANGE&& change)
+{
+  return SweepSharedChange(make, change, [](const auto& object) { return std::string(object->ToString().View()); });
+}
+
+} // namespace kelvara_test

@@ -70,3 +70,27 @@ inline telvo::BaseArray<telvo::String> Strings(std::initializer_list<const char*
 }
 
 } // namespace kelvara_test
+
+namespace kelvara_test
+{
+
+// result failed with an error of errorClass, and with message when one is given.
+template <typename T>
+void ExpectError(const telvo::Result<T>& result, const telvo::ErrorClass& errorClass, const char* message = nullptr)
+{
+  ASSERT_TRUE(result.IsError());
+  EXPECT_TRUE(result.GetError().IsClass(errorClass)) << result.GetError().GetClass().name;
+  if (message != nullptr)
+  {
+    EXPECT_STREQ(result.GetError().GetMessage(), message);
+  }
+}
+
+// The text of an object's ToString, for any reference to an object that has one.
+template <typename REF, typename... ARGS>
+std::string TextOf(const REF& object, const ARGS&... args)
+{
+  return std::string(object->ToString(args...).View());
+}
+
+} // namespace kelvara_test
