@@ -13,16 +13,12 @@
 #include <tuple>
 #include <vector>
 
-#include <unistd.h>
-
 namespace kelvara
 {
 namespace
 {
 
 namespace fs = std::filesystem;
-
-const char* const kCmuClip = "/usr/share/assimp/models/BVH/01_01.bvh";
 
 // The writer's exact layout of a file with two roots, an end site, a position channel on a
 // non-root joint and unusual rotation orders.
@@ -64,24 +60,6 @@ std::string Replace(std::string text, const std::string& from, const std::string
   return text;
 }
 
-// The same file as others write it: every number form strtod takes, CHANNELS before OFFSET,
-// odd indentation and a blank line between frames.
-std::string Quirky()
-{
-  std::string text = kCanonical;
-  const std::pair<const char*, const char*> quirks[] = {
-    {"-0.001", "-1e-3"},
-    {"\t\tOFFSET 1 -2 0.25\n\t\tCHANNELS 4 Yposition Xrotation Zrotation Yrotation\n",
-     "\t\tCHANNELS 4 Yposition Xrotation Zrotation Yrotation\n\t\tOFFSET 1 -2 .25\n"},
-    {"\tOFFSET 10", "  OFFSET 10"},
-    {"1 2 0.5 5 0.001 -0.5 8 ", "1 +2 .5 5. 1e-3 -0.5 0x1p3 "},
-    {"\n-1 -2", "\n\n-1 -2"},
-  };
-  for (const auto& [from, to] : quirks)
-    text = Replace(text, from, to);
-  return text;
-}
-
 BvhFile Read(const std::string& text)
 {
   BvhFile f;
@@ -92,8 +70,9 @@ BvhFile Read(const std::string& text)
 
 void ExpectSameFile(const BvhFile& a, const BvhFile& b)
 {
-  auto key = [](const BvhJoint& j)
-  { return std::tie(j.name, j.parent, j.offset, j.channels, j.hasEndSite, j.endSiteOffset, j.firstChannel); };
+  auto key = [](const BvhJoint& j) {
+    return std::tie(j.name, j.parent, j.offset, j.channels, j.hasEndSite, j.endSiteOffset, j.firstChannel, j.line);
+  };
   ASSERT_EQ(a.joints.size(), b.joints.size());
   for (std::size_t i = 0; i < a.joints.size(); ++i)
     EXPECT_TRUE(key(a.joints[i]) == key(b.joints[i])) << "joint " << a.joints[i].name;
@@ -101,20 +80,11 @@ void ExpectSameFile(const BvhFile& a, const BvhFile& b)
   EXPECT_EQ(a.motion, b.motion);
 }
 
-class TempDir
+// A fresh folder, removed with everything in it at the end of the test.
+struct TempDir
 {
-public:
-  TempDir()
-  {
-    std::string pattern = (fs::temp_directory_path() / "bvh_test.XXXXXX").string();
-    path = ::mkdtemp(pattern.data());
-  }
-  ~TempDir()
-  {
-    std::error_code ignored;
-    fs::permissions(path, fs::perms::owner_all, ignored);
-    fs::remove_all(path, ignored);
-  }
+  std::string path = ::mkdtemp((fs::temp_directory_path() / "bvh_test.XXXXXX").string().data());
+  ~TempDir() { fs::remove_all(path); }
   std::vector<std::string> Entries() const
   {
     std::vector<std::string> names;
@@ -123,43 +93,38 @@ public:
     std::sort(names.begin(), names.end());
     return names;
   }
-  std::string path;
 };
 
 TEST(BvhReadWrite, AnyLayoutReadsBackInTheWritersLayout)
 {
-  const BvhFile f = Read(Quirky());
-  EXPECT_EQ(f.path, "sample.bvh");
-  ASSERT_EQ(f.joints.size(), 4u);
+  // Every number form strtod takes, CHANNELS before OFFSET, odd indentation, a blank line.
+  std::string quirky = kCanonical;
+  const std::pair<const char*, const char*> quirks[] = {
+    {"\t\tOFFSET 1 -2 0.25\n\t\tCHANNELS 4 Yposition Xrotation Zrotation Yrotation\n",
+     "\t\tCHANNELS 4 Yposition Xrotation Zrotation Yrotation\n\t\tOFFSET 1 -2 .25\n"},
+    {"-0.001", "-1e-3"}, {"\tOFFSET 10", "  OFFSET 10"}, {"\n-1 -2", "\n\n-1 -2"},
+    {"1 2 0.5 5 0.001 -0.5 8 ", "1 +2 .5 5. 1e-3 -0.5 0x1p3 "}};
+  for (const auto& [from, to] : quirks)
+    quirky = Replace(quirky, from, to);
+  const BvhFile f = Read(quirky);
+  std::string joints;
+  for (const BvhJoint& j : f.joints)
+    joints += j.name + " " + std::to_string(j.parent) + " line " + std::to_string(j.line) + " channel " +
+              std::to_string(j.firstChannel) + (j.hasEndSite ? " end; " : "; ");
   // Leg is a sibling of Spine, not its child.
-  const std::tuple<const char*, int, int, int, bool> joints[] = {// name, parent, line, first channel, end site
-                                                                 {"Hips", -1, 2, 0, false},
-                                                                 {"Spine", 0, 6, 6, true},
-                                                                 {"Leg", 0, 15, 9, false},
-                                                                 {"Prop", -1, 21, 13, false}};
-  for (std::size_t i = 0; i < 4; ++i)
-  {
-    const BvhJoint& j = f.joints[i];
-    EXPECT_EQ(std::tie(j.name, j.parent, j.line, j.firstChannel, j.hasEndSite), joints[i]);
-  }
-  EXPECT_EQ(std::tie(f.channelCount, f.frameCount, f.motion[29]), std::make_tuple(15, 2, -15.0));
+  EXPECT_EQ(joints, "Hips -1 line 2 channel 0; Spine 0 line 6 channel 6 end; Leg 0 line 15 channel 9; "
+                    "Prop -1 line 21 channel 13; ");
+  EXPECT_EQ(std::tie(f.path, f.channelCount, f.frameCount), std::make_tuple("sample.bvh", 15, 2));
   // Offsets, channels and every number are checked through the writer.
   std::string text;
   std::string error;
   ASSERT_TRUE(WriteBvhToString(f, text, error)) << error;
   EXPECT_EQ(text, kCanonical);
 
-  const std::string variants[] = {
-    Replace(Quirky(), "\n", "\r\n"), Replace(Replace(Quirky(), "\t", "    "), " ", " \t "),
-    Replace(Quirky(), "\n", " \r\n\t"), Quirky().substr(0, Quirky().size() - 1), // no final newline
-  };
-  for (const std::string& variant : variants)
-  {
-    const BvhFile v = Read(variant);
-    ExpectSameFile(f, v);
-    for (std::size_t i = 0; i < v.joints.size() && i < f.joints.size(); ++i)
-      EXPECT_EQ(v.joints[i].line, f.joints[i].line);
-  }
+  for (const std::string& variant : {Replace(quirky, "\n", "\r\n"), Replace(quirky, "\n", " \r\n\t"),
+                                     Replace(Replace(quirky, "\t", "    "), " ", " \t "),
+                                     quirky.substr(0, quirky.size() - 1)})
+    ExpectSameFile(f, Read(variant));
 }
 
 TEST(BvhRead, EdgeShapesAndMissingFile)
@@ -190,55 +155,48 @@ TEST(BvhRead, ErrorsNameTheLineAndTheToken)
     many += "ROOT J" + std::to_string(i) + " { OFFSET 0 0 0 }\n";
   auto edit = [&](const char* from, const std::string& to) { return Replace(base, from, to); };
 
-  const std::tuple<const char*, std::string, std::string> cases[] = {
-    {"empty", "", "1: expected 'HIERARCHY', found end of file"},
-    {"truncated motion", edit("5 6 7 8\n", ""), "15: expected frame 2 of 2, found end of file"},
-    {"truncated hierarchy", base.substr(0, base.find("  }")), "9: expected JOINT, End Site or '}', found end of file"},
-    {"short row", edit("5 6 7 8", "5 6 7"), "16: expected 4 numbers, found 3"},
-    {"long row", edit("5 6 7 8", "5 6 7 8 9"), "16: expected 4 numbers, found 5"},
-    {"row split over lines", edit("5 6 7 8", "5 6\n7 8"), "16: expected 4 numbers, found 2"},
-    {"unknown channel", edit("Zrotation Xrotation Y", "Wrotation Xrotation Y"),
-     "5: expected a channel name, found 'Wrotation'"},
-    {"channel listed twice", edit("Zrotation Xrotation Y", "Zrotation Zrotation Y"),
+  const std::pair<std::string, std::string> cases[] = {
+    {"", "1: expected 'HIERARCHY', found end of file"},
+    {edit("5 6 7 8\n", ""), "15: expected frame 2 of 2, found end of file"},
+    {base.substr(0, base.find("  }")), "9: expected JOINT, End Site or '}', found end of file"},
+    {edit("5 6 7 8", "5 6 7"), "16: expected 4 numbers, found 3"},
+    {edit("5 6 7 8", "5 6 7 8 9"), "16: expected 4 numbers, found 5"},
+    {edit("5 6 7 8", "5 6\n7 8"), "16: expected 4 numbers, found 2"},
+    {edit("Zrotation Xrotation Y", "Wrotation Xrotation Y"), "5: expected a channel name, found 'Wrotation'"},
+    {edit("Zrotation Xrotation Y", "Zrotation Zrotation Y"),
      "5: expected a channel not listed before, found 'Zrotation'"},
-    {"bad motion number", edit("5 6 7 8", "5 abc 7 8"), "16: expected a number, found 'abc'"},
-    {"partly numeric", edit("5 6 7 8", "5 6 7 8x"), "16: expected a number, found '8x'"},
-    {"not finite", edit("1 2 3 4", "1 nan 3 4"), "15: expected a number, found 'nan'"},
-    {"overflow", edit("1 2 3 4", "1 2 1e400 4"), "15: expected a number, found '1e400'"},
-    {"bad offset", edit("OFFSET 0 1 0", "OFFSET 0 y 0"), "8: expected a number, found 'y'"},
-    {"missing Frames", edit("Frames: 2\n", ""), "13: expected 'Frames:', found 'Frame'"},
-    {"bad frame count", edit("Frames: 2", "Frames: two"), "13: expected a frame count, found 'two'"},
-    {"missing Frame Time", edit("Frame Time: 0.1\n", ""), "14: expected 'Frame Time:', found '1'"},
-    {"zero frame time", edit("Time: 0.1", "Time: 0"), "14: expected a positive frame time, found '0'"},
-    {"junk after frame time", edit("Time: 0.1", "Time: 0.1 s"), "14: expected end of line, found 's'"},
-    {"too few channel names", edit("Xrotation Yrotation", "Xrotation"), "6: expected 3 channel names, found 'JOINT'"},
-    {"too many channel names", edit("CHANNELS 1 Xrotation", "CHANNELS 1 Xrotation Yrotation"),
-     "9: expected 1 channel name, found 'Yrotation'"},
-    {"channel count not a number", edit("CHANNELS 1", "CHANNELS x"), "9: expected a channel count, found 'x'"},
-    {"missing close brace", edit("}\nMOTION", "MOTION"), "11: expected JOINT, End Site or '}', found 'MOTION'"},
-    {"extra close brace", edit("}\nMOTION", "}\n}\nMOTION"), "12: expected ROOT or MOTION, found '}'"},
-    {"missing open brace", edit("  {\n", "\n"), "8: expected '{', found 'OFFSET'"},
-    {"missing joint name", edit("JOINT B", "JOINT"), "7: expected a joint name, found '{'"},
-    {"keyword as joint name", edit("JOINT B", "JOINT OFFSET"), "6: expected a joint name, found 'OFFSET'"},
-    {"missing OFFSET", edit("    OFFSET 0 1 0\n", "\n"), "10: expected OFFSET, found '}'"},
-    {"no root", "HIERARCHY\nMOTION\n", "2: expected ROOT, found 'MOTION'"},
-    {"two end sites", edit("Xrotation\n  }", "Xrotation\nEnd Site { OFFSET 0 0 0 }\nEnd Site\n  }"),
-     "11: expected JOINT or '}', found 'End'"},
-    {"extra frame", base + "9 9 9 9\n", "17: expected end of file after 2 frames, found '9'"},
-    {"long token is shortened", edit("5 6 7 8", std::string(100, 'q') + " 6 7 8"),
-     "16: expected a number, found '" + std::string(40, 'q') + "...'"},
+    {edit("5 6 7 8", "5 abc 7 8"), "16: expected a number, found 'abc'"},
+    {edit("5 6 7 8", "5 6 7 8x"), "16: expected a number, found '8x'"},
+    {edit("1 2 3 4", "1 nan 3 4"), "15: expected a number, found 'nan'"},
+    {edit("1 2 3 4", "1 2 1e400 4"), "15: expected a number, found '1e400'"},
+    {edit("OFFSET 0 1 0", "OFFSET 0 y 0"), "8: expected a number, found 'y'"},
+    {edit("Frames: 2\n", ""), "13: expected 'Frames:', found 'Frame'"},
+    {edit("Frames: 2", "Frames: two"), "13: expected a frame count, found 'two'"},
+    {edit("Frame Time: 0.1\n", ""), "14: expected 'Frame Time:', found '1'"},
+    {edit("Time: 0.1", "Time: 0"), "14: expected a positive frame time, found '0'"},
+    {edit("Time: 0.1", "Time: 0.1 s"), "14: expected end of line, found 's'"},
+    {edit("Xrotation Yrotation", "Xrotation"), "6: expected 3 channel names, found 'JOINT'"},
+    {edit("CHANNELS 1 Xrotation", "CHANNELS 1 Xrotation Yrotation"), "9: expected 1 channel name, found 'Yrotation'"},
+    {edit("CHANNELS 1", "CHANNELS x"), "9: expected a channel count, found 'x'"},
+    {edit("}\nMOTION", "MOTION"), "11: expected JOINT, End Site or '}', found 'MOTION'"},
+    {edit("}\nMOTION", "}\n}\nMOTION"), "12: expected ROOT or MOTION, found '}'"},
+    {edit("  {\n", "\n"), "8: expected '{', found 'OFFSET'"},
+    {edit("JOINT B", "JOINT"), "7: expected a joint name, found '{'"},
+    {edit("JOINT B", "JOINT OFFSET"), "6: expected a joint name, found 'OFFSET'"},
+    {edit("    OFFSET 0 1 0\n", "\n"), "10: expected OFFSET, found '}'"},
+    {"HIERARCHY\nMOTION\n", "2: expected ROOT, found 'MOTION'"},
+    {edit("}\n}", "End Site { OFFSET 0 0 0 }\nEnd Site\n}\n}"), "11: expected JOINT or '}', found 'End'"},
+    {base + "9 9 9 9\n", "17: expected end of file after 2 frames, found '9'"},
+    {edit("5 6 7 8", std::string(100, 'q') + " 6 7"), "16: expected a number, found '" + std::string(40, 'q') + "...'"},
     // Declared sizes are bounded; the largest allowed count fails on the data, not on a reservation.
-    {"huge frame count", head + "Frames: 99999999999\nFrame Time: 1\n",
-     "8: expected at most 10000000 frames, found '99999999999'"},
-    {"negative frame count", head + "Frames: -1\nFrame Time: 1\n", "8: expected a frame count, found '-1'"},
-    {"largest frame count, one row", head + "Frames: 10000000\nFrame Time: 1\n1 2 3 4 5 6\n",
-     "10: expected frame 2 of 10000000, found end of file"},
-    {"seven channels", Replace(head, "CHANNELS 6", "CHANNELS 7"), "5: expected at most 6 channels, found '7'"},
-    {"too many joints", many, "10002: expected at most 10000 joints, found 'J10000'"},
+    {head + "Frames: 99999999999\nFrame Time: 1\n", "8: expected at most 10000000 frames, found '99999999999'"},
+    {head + "Frames: -1\nFrame Time: 1\n", "8: expected a frame count, found '-1'"},
+    {head + "Frames: 10000000\nFrame Time: 1\n1 2 3 4 5 6\n", "10: expected frame 2 of 10000000, found end of file"},
+    {Replace(head, "CHANNELS 6", "CHANNELS 7"), "5: expected at most 6 channels, found '7'"},
+    {many, "10002: expected at most 10000 joints, found 'J10000'"},
   };
-  for (const auto& [what, text, message] : cases)
+  for (const auto& [text, message] : cases)
   {
-    SCOPED_TRACE(what);
     BvhFile f;
     std::string error;
     EXPECT_FALSE(ReadBvhFromBuffer(text, "c.bvh", f, error));
@@ -250,7 +208,7 @@ TEST(BvhWrite, NumbersAreShortestAndReadBackBitForBit)
 {
   // Captured values (a few decimals) come out as the shortest conversion writes them
   // ("-17.3198", not "-17.319800000000001"); extremes and random bit patterns survive exactly.
-  BvhFile f = Read("HIERARCHY ROOT r { OFFSET 0 0 0 CHANNELS 1 Xrotation } MOTION\nFrames: 0\nFrame Time: 0.01\n");
+  BvhFile f = Read("HIERARCHY\nROOT r { OFFSET 0 0 0 CHANNELS 1 Xrotation } MOTION\nFrames: 0\nFrame Time: 0.01\n");
   std::mt19937_64 rng(7);
   std::uniform_real_distribution<double> degrees(-1000, 1000);
   std::string rows = "Frame Time: 0.01\n";
@@ -279,8 +237,6 @@ TEST(BvhWrite, NumbersAreShortestAndReadBackBitForBit)
 TEST(BvhWrite, RejectsModelsItCannotWriteFaithfully)
 {
   const BvhFile good = Read(kCanonical);
-  std::string error;
-  ASSERT_TRUE(ValidateBvh(good, error)) << error;
   const std::pair<const char*, void (*)(BvhFile&)> cases[] = {
     {"no joints", [](BvhFile& f) { f.joints.clear(); }},
     {"name with a blank", [](BvhFile& f) { f.joints[1].name = "Left Leg"; }},
@@ -299,15 +255,15 @@ TEST(BvhWrite, RejectsModelsItCannotWriteFaithfully)
   };
   TempDir dir;
   const std::string out = dir.path + "/out.bvh";
+  std::string error;
+  EXPECT_TRUE(ValidateBvh(good, error)) << error;
   for (const auto& [what, spoil] : cases)
   {
     SCOPED_TRACE(what);
     BvhFile f = good;
     spoil(f);
-    error.clear();
-    EXPECT_FALSE(ValidateBvh(f, error));
-    EXPECT_FALSE(error.empty());
     std::string text;
+    EXPECT_FALSE(ValidateBvh(f, error));
     EXPECT_FALSE(WriteBvhToString(f, text, error));
     EXPECT_FALSE(WriteBvh(out, f, error));
     EXPECT_EQ(error.rfind("cannot write '" + out + "': ", 0), 0u) << error;
@@ -325,9 +281,6 @@ TEST(BvhWrite, FileIsReplacedAtomicallyAndFailuresLeaveNothingBehind)
   ASSERT_TRUE(WriteBvh(out, f, error)) << error;
   std::ifstream in(out, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), kCanonical);
-  BvhFile back;
-  ASSERT_TRUE(ReadBvh(out, back, error)) << error;
-  EXPECT_EQ(back.path, out);
 
   // The rename fails on an existing folder: the written temporary must be removed again.
   const std::string folder = dir.path + "/taken.bvh";
@@ -342,39 +295,28 @@ TEST(BvhWrite, FileIsReplacedAtomicallyAndFailuresLeaveNothingBehind)
   EXPECT_FALSE(WriteBvh(dir.path + "/", f, error));
   EXPECT_EQ(error, "cannot write '" + dir.path + "/': not a file name");
   EXPECT_EQ(dir.Entries(), (std::vector<std::string>{"out.bvh", "taken.bvh"}));
-
-  if (::geteuid() == 0)
-    return; // permissions do not bind root
-  TempDir locked;
-  fs::permissions(locked.path, fs::perms::owner_read | fs::perms::owner_exec);
-  EXPECT_FALSE(WriteBvh(locked.path + "/out.bvh", f, error));
-  EXPECT_EQ(error, "cannot write '" + locked.path + "/out.bvh': cannot create a file in '" + locked.path +
-                     "': Permission denied");
-  EXPECT_TRUE(locked.Entries().empty());
 }
 
 TEST(BvhRealData, CmuClipReadsAndRoundTrips)
 {
-  if (!fs::exists(kCmuClip))
-    GTEST_SKIP() << kCmuClip << " is not installed";
-  BvhFile f;
-  std::string error;
-  ASSERT_TRUE(ReadBvh(kCmuClip, f, error)) << error;
-  EXPECT_EQ(std::tie(f.frameCount, f.channelCount), std::make_tuple(2752, 96));
-  EXPECT_NEAR(f.frameTime, 0.008333, 1e-6);
+  const std::string clip = "/usr/share/assimp/models/BVH/01_01.bvh";
+  if (!fs::exists(clip))
+    GTEST_SKIP() << clip << " is not installed";
+  const BvhFile f = Read(std::string(std::istreambuf_iterator<char>(std::ifstream(clip).rdbuf()), {}));
+  EXPECT_EQ(std::tie(f.frameCount, f.channelCount, f.frameTime), std::make_tuple(2752, 96, 0.0083333));
   ASSERT_EQ(f.joints.size(), 31u);
   ASSERT_EQ(f.motion.size(), 2752u * 96u);
   EXPECT_EQ(std::tie(f.joints[1].name, f.joints[1].line), std::make_tuple("LHipJoint", 6));
-  EXPECT_EQ(std::tie(f.joints.back().name, f.joints.back().firstChannel), std::make_tuple("RThumb", 93));
+  EXPECT_EQ(std::tie(f.joints[30].name, f.joints[30].firstChannel), std::make_tuple("RThumb", 93));
   EXPECT_EQ(std::count_if(f.joints.begin(), f.joints.end(), [](const BvhJoint& j) { return j.hasEndSite; }), 7);
   EXPECT_EQ(std::make_tuple(f.motion[0], f.motion[2], f.motion.back()), std::make_tuple(9.3722, -17.3198, -0.9244));
 
   TempDir dir;
+  std::string error;
   ASSERT_TRUE(WriteBvh(dir.path + "/01_01.bvh", f, error)) << error;
   BvhFile back;
   ASSERT_TRUE(ReadBvh(dir.path + "/01_01.bvh", back, error)) << error;
   ExpectSameFile(f, back);
-  EXPECT_EQ(dir.Entries(), std::vector<std::string>{"01_01.bvh"});
 }
 
 } // namespace
