@@ -23,13 +23,11 @@ TEST(InternedIdTable, SameTextSharesOneEntryUntilTheLastHandleGoes)
   const Int entries = InternedId::GetTableCount();
   const Int live = Allocator::GetLiveCount();
   {
-    InternedId a = Id("test.hip");
-    InternedId b = Id("test.hip");
-    EXPECT_TRUE(a == b);
+    const InternedId a = Id("test.hip");
+    EXPECT_TRUE(a == Id("test.hip"));
     EXPECT_FALSE(a == Id("test.Hip"));
-    EXPECT_EQ(a.GetHash(), String::HashText("test.hip"));
-    b = InternedId();
     EXPECT_EQ(a.GetReferenceCount(), 1);
+    EXPECT_EQ(a.GetHash(), String::HashText("test.hip"));
     // Many entries survive the table's growth and the removal of others.
     std::vector<InternedId> ids;
     for (int i = 0; i < 1000; ++i)
@@ -50,14 +48,10 @@ TEST(InternedIdRules, TheEmptyTextIsTheNullIdAndDetachedIdsMatchOnlyByText)
   const Int entries = InternedId::GetTableCount();
   const Int live = Allocator::GetLiveCount();
   EXPECT_TRUE(Id("") == InternedId());
-  auto detached = [](std::string_view text) { return kelvara_test::Value(InternedId::CreateDetached(text)); };
-  const InternedId d = detached("test.arm");
+  const InternedId d = kelvara_test::Value(InternedId::CreateDetached("test.arm"));
   EXPECT_FALSE(interned == d);
-  EXPECT_TRUE(interned.IsSameText(d));
   EXPECT_TRUE(d.IsSameText(interned));
-  EXPECT_EQ(interned.GetHash(), d.GetHash());
-  EXPECT_FALSE(detached("test.Arm").IsSameText(interned));
-  EXPECT_FALSE(InternedId().IsSameText(interned));
+  EXPECT_FALSE(kelvara_test::Value(InternedId::CreateDetached("test.Arm")).IsSameText(interned));
   EXPECT_FALSE(interned.IsSameText(InternedId()));
   EXPECT_TRUE(Id("test.arm") == interned); // interning never returns a detached object
   EXPECT_EQ(InternedId::GetTableCount(), entries);
@@ -67,7 +61,6 @@ TEST(InternedIdRules, TheEmptyTextIsTheNullIdAndDetachedIdsMatchOnlyByText)
 TEST(InternedIdThreads, ConcurrentInternAndRelease)
 {
   const InternedId keep = Id("test.keep");
-  const Int entries = InternedId::GetTableCount();
   const Int live = Allocator::GetLiveCount();
   const InternedId held = Id("test.thread0");
   std::atomic<int> failures{0};
@@ -78,15 +71,13 @@ TEST(InternedIdThreads, ConcurrentInternAndRelease)
       {
         const std::string name = "test.thread" + std::to_string((i + t) % 4);
         Result<InternedId> r = InternedId::Intern(name);
-        if (r.IsError() || r.GetValue().View() != name || (name == "test.thread0" && !(r.GetValue() == held)))
-          ++failures;
+        failures += r.IsError() || r.GetValue().View() != name || (name == held.View() && !(r.GetValue() == held));
       }
     });
   for (std::thread& t : threads)
     t.join();
   EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(held.GetReferenceCount(), 1);
-  EXPECT_EQ(InternedId::GetTableCount(), entries + 1);
   EXPECT_EQ(Allocator::GetLiveCount(), live + 2);
 }
 
