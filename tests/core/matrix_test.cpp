@@ -25,8 +25,7 @@ TEST(Matrix, ProductAppliesTheRightFactorFirstAndInverseUndoesIt)
     const Matrix b{RandomPoint(rng, 3.0), RandomPoint(rng, 3.0), RandomPoint(rng, 3.0), RandomPoint(rng, 3.0)};
     const Vector p = RandomPoint(rng, 10.0);
     ASSERT_LT(Length(TransformPoint(a * b, p) - TransformPoint(a, TransformPoint(b, p))), 1e-11) << "sample " << i;
-    // Diagonally dominant: rounding stays near 1e-12, while a wrong sign or swapped term in the
-    // expanded formulas gives 0.1 or more.
+    // Diagonally dominant: rounding stays near 1e-12, a wrong term in the formulas gives 0.1 or more.
     const Matrix m{RandomPoint(rng, 100.0), Vector{2.0, 0.0, 0.0} + RandomPoint(rng, 0.5),
                    Vector{0.0, 2.0, 0.0} + RandomPoint(rng, 0.5), Vector{0.0, 0.0, 2.0} + RandomPoint(rng, 0.5)};
     ASSERT_LT(Length(TransformPoint(Inverse(m), TransformPoint(m, p)) - p), 1e-9) << "sample " << i;
