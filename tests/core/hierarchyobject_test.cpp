@@ -87,7 +87,7 @@ TEST(HierarchyWalk, ParentsBeforeChildrenAndEachSubtreeBeforeTheNextSibling)
     {1, 0, 0, 0, "1@0<-1 2@1<1 4@2<2 7@3<4 5@2<2 3@1<1 6@2<3 "},
     {2, 0, 0, 0, "2@0<1 4@1<2 7@2<4 5@1<2 "}, // the start's real parent, nothing above it
     {1, 7, 0, 0, "1@0<-1 2@1<1 4@2<2 7@3<4 "}, // a stop deep inside ends the whole walk
-    {1, 0, 2, 0, "1@0<-1 2@1<1 3@1<1 6@2<3 "},
+    {1, 0, 2, 0, "1@0<-1 2@1<1 3@1<1 6@2<3 "}, // skips below 2
     {1, 0, 0, 4, "1@0<-1 2@1<1 4@2<2 visit failed"},
     {0, 0, 0, 0, "-1@0<-1 "}, // a null start is visited once
   };
@@ -107,7 +107,6 @@ TEST(HierarchyLinks, InsertRefusesCyclesAndSecondParentsAndRemoveDetaches)
     };
     for (const auto& [result, message] : refusals)
       kelvara_test::ExpectError(result, IllegalArgumentError, message);
-    EXPECT_EQ(Walk(n[1].GetPointer()), "1@0<-1 2@1<1 4@2<2 7@3<4 5@2<2 3@1<1 6@2<3 ");
     n[2]->Remove();
     n[2]->Remove(); // a root has nothing to leave
     EXPECT_EQ(Walk(n[1].GetPointer()), "1@0<-1 3@1<1 6@2<3 ");
