@@ -42,10 +42,9 @@ TEST(ArrayGrowth, CapacitiesFollowTheGrowthRule)
                      {1, 16}, {17, 32}, {33, 64}, {65, 112}, {113, 176}, {177, 272}, {273, 416}}));
   BaseArray<Int> sized;
   ASSERT_TRUE(sized.EnsureCapacity(20).IsOk());
-  ASSERT_TRUE(sized.EnsureCapacity(32).IsOk()); // room already
-  ASSERT_TRUE(sized.Resize(33).IsOk());         // (32 + 33) * 3 / 2 = 97
-  ASSERT_TRUE(sized.Resize(3).IsOk());          // shrinking keeps the storage
-  ASSERT_TRUE(sized.CopyFrom(array).IsOk());    // (112 + 300) * 3 / 2 = 618
+  ASSERT_TRUE(sized.Resize(33).IsOk());      // (32 + 33) * 3 / 2 = 97
+  ASSERT_TRUE(sized.Resize(3).IsOk());       // shrinking keeps the storage
+  ASSERT_TRUE(sized.CopyFrom(array).IsOk()); // (112 + 300) * 3 / 2 = 618
   EXPECT_EQ(sized.GetCapacity(), 624);
 }
 

@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/oom_sweep.h"
@@ -54,26 +52,6 @@ TEST(InternedIdRules, TheEmptyTextIsTheNullIdAndDetachedIdsMatchOnlyByText)
   EXPECT_TRUE(Id("test.arm") == interned); // interning never returns a detached object
   EXPECT_EQ(InternedId::GetTableCount(), entries);
   EXPECT_EQ(Allocator::GetLiveCount(), live + 2); // d's text and object: the rest allocated nothing or is gone
-}
-
-TEST(InternedIdThreads, ConcurrentInternAndRelease)
-{
-  const InternedId held = Id("test.thread0");
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([t, &failures, &held] {
-      for (int i = 0; i < 4000; ++i)
-      {
-        const std::string name = "test.thread" + std::to_string((i + t) % 4);
-        Result<InternedId> r = InternedId::Intern(name);
-        failures += r.IsError() || r.GetValue().View() != name || (name == held.View() && !(r.GetValue() == held));
-      }
-    });
-  for (std::thread& t : threads)
-    t.join();
-  EXPECT_EQ(failures.load(), 0);
-  EXPECT_EQ(held.GetReferenceCount(), 1);
 }
 
 TEST(InternedIdOutOfMemory, InternLeavesTheTableUnchanged)
