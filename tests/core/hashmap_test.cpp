@@ -48,7 +48,7 @@ TEST(HashMap, IterationOrderAndLookups)
   const std::pair<Keys, Keys> cases[] = {
     {{5, 2, 9}, {5, 2, 9}},
     {{3, 5, 19, 35}, {35, 19, 3, 5}},
-    {{3, 5, 19, 3, 19}, {19, 3, 5}},
+    {{3, 5, 19, 3, 19}, {19, 3, 5}}, // overwrites keep their place
     // The 11th entry grows 16 -> 32 first: bucket 17 then precedes bucket 1, where 33 lands.
     {{1, 17, 2, 3, 4, 5, 6, 7, 8, 9, 33}, {17, 33, 1, 2, 3, 4, 5, 6, 7, 8, 9}},
     // 1, 33 and 65 share bucket 1 at 32 buckets too: their chain comes out reversed.
@@ -113,9 +113,6 @@ TEST(HashMap, MoveCopyAndFlush)
 TEST(HashMap, DefaultHashesOfKeyTypes)
 {
   EXPECT_NE(DefaultHash<Int>::Hash(16) % 16, DefaultHash<Int>::Hash(32) % 16); // integers are mixed
-  HashMap<String, Int> strings;
-  ASSERT_TRUE(strings.Insert(kelvara_test::MakeString("hip"), 1).IsOk());
-  EXPECT_NE(strings.Find(kelvara_test::MakeString("hip")), nullptr); // another buffer, same text
   // Interned ids go by identity: another object of equal text and hash is another key.
   HashMap<InternedId, Int> ids;
   ASSERT_TRUE(ids.Insert(kelvara_test::Id("elbow"), 1).IsOk());
@@ -138,7 +135,6 @@ TEST(HashMapOutOfMemory, InsertAndCopyFromLeaveTheMapAsItWas)
     return testing::PrintToString(std::tuple(map.GetBucketCount(), token.use_count(), KeysOf(map)));
   };
   const TokenMap src = mapOf({1, 33, 65, 2, 18, 3, 40});
-  // {keys before, operation, failing runs}: buckets and entry; entry; both at growth; buckets and entries.
   const std::tuple<Keys, std::function<Result<void>(TokenMap&)>, int> cases[] = {
     {{}, [&](TokenMap& m) { return m.Insert(1, token); }, 2},
     {{0, 16, 32, 48, 64, 80, 96, 112, 128}, [&](TokenMap& m) { return m.Insert(5, token); }, 1},

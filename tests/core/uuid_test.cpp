@@ -17,7 +17,7 @@ using kelvara_test::TaggedUuid;
 constexpr const char* kText = "0123abcd-4567-89ef-0a1b-2c3d4e5f6a7b";
 constexpr const char* kUpper = "0123ABCD-4567-89EF-0A1B-2C3D4E5F6A7B";
 
-TEST(UuidText, CanonicalFormReadsBackInEitherCase)
+TEST(UuidValue, TextInEitherCaseNullEqualsZeroAndMemcmpOrder)
 {
   const FormatStatement upper{.upperCaseHex = true};
   EXPECT_EQ(MakeUuid(kUpper).ToString().View(), kText);
@@ -27,10 +27,6 @@ TEST(UuidText, CanonicalFormReadsBackInEitherCase)
   for (std::string_view bad : {"0123abcd-4567-89ef-0a1b-2c3d4e5f6a7", "0123abcd04567-89ef-0a1b-2c3d4e5f6a7b",
                                "0123abcg-4567-89ef-0a1b-2c3d4e5f6a7b"})
     kelvara_test::ExpectError(Uuid::FromString(bad), IllegalArgumentError, "Illegal argument: not a Uuid text");
-}
-
-TEST(UuidValue, NullEqualsZeroAndBytesCompareLikeMemcmp)
-{
   EXPECT_TRUE(TaggedUuid(0, 0) == Uuid());
   EXPECT_EQ(Uuid().GetHash(), String::HashText(std::string(16, '\0')));
   // Ascending, bytes unsigned: byte 15 < byte 14 < byte 0 < byte 0 with the top bit set.
