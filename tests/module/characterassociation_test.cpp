@@ -14,7 +14,6 @@
 using namespace telvo;
 using kelvara_test::ExpectError;
 using kelvara_test::Id;
-using kelvara_test::Text;
 using kelvara_test::TextOf;
 
 namespace
@@ -37,25 +36,18 @@ protected:
   static CharacterAssociation Make() { return kelvara_test::Value(CreateObject<CharacterAssociation>(kClassId)); }
   static CharacterAssociationInterface* W(CharacterAssociation& a) { return kelvara_test::Value(a.MakeWritable()); }
 
-  const Uuid A = NthUuid(1), B = NthUuid(2), C = NthUuid(3);
+  const Uuid A = NthUuid(1), B = NthUuid(2);
 };
 
-TEST_F(CharacterAssociationTest, NewAssociationIsEmptyAndEveryLookupMisses)
+TEST_F(CharacterAssociationTest, MissesAndInvalidArgumentsAreIllegalAndChangeNothing)
 {
   CharacterAssociation a = Make();
-  EXPECT_EQ(TextOf(a), "Uuid Association Table : \n{}InternedId Association Table : \n{}");
+  const std::string empty = "Uuid Association Table : \n{}InternedId Association Table : \n{}";
+  EXPECT_EQ(TextOf(a), empty);
   ExpectError(a->GetAssociatedUuid(A), IllegalArgumentError, kMiss);
   ExpectError(a->GetAssociatedUuid(Uuid()), IllegalArgumentError, kMiss);
   ExpectError(a->GetAssociatedId(Id("Hips")), IllegalArgumentError, kMiss);
   ExpectError(a->GetAssociatedId(InternedId()), IllegalArgumentError, kMiss);
-}
-
-TEST_F(CharacterAssociationTest, InvalidArgumentsChangeNothing)
-{
-  CharacterAssociation a = Make();
-  ASSERT_TRUE(W(a)->AssociateUuid(A, B).IsOk());
-  ASSERT_TRUE(W(a)->AssociateId(Id("Hips"), Id("Pelvis")).IsOk());
-  const std::string before = TextOf(a);
   const Uuid zero = kelvara_test::Value(Uuid::Create(Uuid::Bytes{}));
   for (const auto& [source, target] : std::vector<std::pair<Uuid, Uuid>>{{Uuid(), B}, {A, Uuid()}, {zero, B}, {A, zero}})
     ExpectError(W(a)->AssociateUuid(source, target), IllegalArgumentError, kInvalid);
@@ -63,7 +55,7 @@ TEST_F(CharacterAssociationTest, InvalidArgumentsChangeNothing)
   ExpectError(W(a)->AssociateId(InternedId(), Id("Hips")), IllegalArgumentError, kInvalid);
   ExpectError(W(a)->AssociateId(Id("Hips"), InternedId()), IllegalArgumentError, kInvalid);
   EXPECT_STREQ(W(a)->AssociateUuid(Uuid(), B).GetError().GetUnit(), "source/impl/characterassociation_impl");
-  EXPECT_EQ(TextOf(a), before);
+  EXPECT_EQ(TextOf(a), empty);
 }
 
 TEST_F(CharacterAssociationTest, BodyPartsAreAssociatedByTheirIdentifiers)
@@ -86,40 +78,34 @@ TEST_F(CharacterAssociationTest, BodyPartsAreAssociatedByTheirIdentifiers)
   EXPECT_EQ(TextOf(a), before);
 }
 
-// Pairs go in both ways and the text lists each table in its map's order, also once the tables have
+// Pairs go in both ways and the text lists the entries in the map's order, also once the table has
 // grown (16 buckets hold 10 entries); a copy lists the same.
 TEST_F(CharacterAssociationTest, PairsGoBothWaysInTheTableOrderThroughGrowthAndCopies)
 {
   CharacterAssociation a = Make();
   HashMap<Uuid, Uuid> uuids;
-  HashMap<InternedId, InternedId> ids;
-  auto associate = [&](const Uuid& s, const Uuid& t, const InternedId& x, const InternedId& y) {
+  auto associate = [&](const Uuid& s, const Uuid& t) {
     ASSERT_TRUE(W(a)->AssociateUuid(s, t).IsOk());
-    ASSERT_TRUE(W(a)->AssociateId(x, y).IsOk());
     ASSERT_TRUE(uuids.Insert(s, t).IsOk() && uuids.Insert(t, s).IsOk());
-    ASSERT_TRUE(ids.Insert(x, y).IsOk() && ids.Insert(y, x).IsOk());
   };
   for (int n = 0; n < 9; ++n)
-    associate(NthUuid(0x100 + n), NthUuid(0x200 + n), Id("src" + std::to_string(n)), Id("dst" + std::to_string(n)));
+    associate(NthUuid(0x100 + n), NthUuid(0x200 + n));
   // A self association is one entry; a new target keeps the entry's place.
-  associate(A, A, Id("Spine"), Id("Spine"));
-  associate(NthUuid(0x100), B, Id("src0"), Id("Hips"));
+  associate(A, A);
+  associate(NthUuid(0x100), B);
+  ASSERT_TRUE(W(a)->AssociateId(Id("Spine"), Id("Spine")).IsOk());
   ASSERT_EQ(uuids.GetBucketCount(), 32);
   std::string expected = "Uuid Association Table : \n{";
   for (const auto& e : uuids)
-    expected += Text(e.GetKey().ToString()) + "->" + Text(e.GetValue().ToString()) + ",";
+    expected += kelvara_test::Text(e.GetKey().ToString()) + "->" + kelvara_test::Text(e.GetValue().ToString()) + ",";
   expected.back() = '}';
-  expected += "InternedId Association Table : \n{";
-  for (const auto& e : ids)
-    expected += std::string(e.GetKey().View()) + "->" + std::string(e.GetValue().View()) + ",";
-  expected.back() = '}';
+  expected += "InternedId Association Table : \n{Spine->Spine}";
   EXPECT_EQ(TextOf(a), expected);
   // Lookups go by value; stored handles are shares of the caller's (A: a key and a value in each map).
   EXPECT_TRUE(a->GetAssociatedUuid(NthUuid(0x100)).GetValue().IsSameObject(B));
   EXPECT_EQ(A.GetReferenceCount(), 1 + 2 + 2);
 
   CharacterAssociation copy = a;
-  EXPECT_EQ(a.GetStrongRef()->GetReferenceCount(), 2);
   CharacterAssociationInterface* writable = W(copy);
   EXPECT_FALSE(copy.IsSameObject(a));
   EXPECT_EQ(TextOf(copy), expected);
@@ -128,26 +114,18 @@ TEST_F(CharacterAssociationTest, PairsGoBothWaysInTheTableOrderThroughGrowthAndC
   EXPECT_TRUE(copy->GetAssociatedUuid(NthUuid(0x301)).IsOk());
 }
 
-// With the buckets in place each insert makes one allocation: fail the second.
+// With the buckets in place an insert makes one allocation: fail the second.
 TEST_F(CharacterAssociationTest, FailedReverseInsertKeepsTheForwardEntry)
 {
   CharacterAssociation a = Make();
   ASSERT_TRUE(W(a)->AssociateUuid(NthUuid(10), NthUuid(11)).IsOk());
-  ASSERT_TRUE(W(a)->AssociateId(Id("Neck"), Id("Neck1")).IsOk());
-  const InternedId x = Id("Head"), y = Id("Skull");
   CharacterAssociationInterface* writable = W(a);
-  auto failSecond = [](auto associate) {
-    Allocator::FailNthAllocation(2);
-    Result<void> r = associate();
-    Allocator::FailNthAllocation(0);
-    ExpectError(r, OutOfMemoryError);
-  };
-  failSecond([&] { return writable->AssociateUuid(A, B); });
-  failSecond([&] { return writable->AssociateId(x, y); });
+  Allocator::FailNthAllocation(2);
+  const Result<void> r = writable->AssociateUuid(A, B);
+  Allocator::FailNthAllocation(0);
+  ExpectError(r, OutOfMemoryError);
   EXPECT_TRUE(a->GetAssociatedUuid(A).GetValue().IsSameObject(B));
   EXPECT_TRUE(a->GetAssociatedUuid(B).IsError());
-  EXPECT_TRUE(a->GetAssociatedId(x).GetValue().IsSameObject(y));
-  EXPECT_TRUE(a->GetAssociatedId(y).IsError());
 }
 
 TEST_F(CharacterAssociationTest, DescribesEachTableAsKeyThenValue)
