@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <limits>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -20,7 +19,7 @@ namespace
 
 using kelvara_test::MakeString;
 
-TEST(StringSharing, CopiesShareOneBufferAndTheEmptyStringAllocatesNothing)
+TEST(StringBuffer, SharingCopyOnWriteAndEditsOfItsOwnText)
 {
   const Int live = Allocator::GetLiveCount();
   {
@@ -43,10 +42,6 @@ TEST(StringSharing, CopiesShareOneBufferAndTheEmptyStringAllocatesNothing)
     EXPECT_EQ(Allocator::GetLiveCount(), live + 4);
   }
   EXPECT_EQ(Allocator::GetLiveCount(), live);
-}
-
-TEST(StringEdit, InsertPositionsAndOwnText)
-{
   String s = MakeString("arm");
   ASSERT_TRUE(s.Insert(0, MakeString("L_")).IsOk());
   ASSERT_TRUE(s.Insert(s.GetLength(), std::string_view("_end")).IsOk());
@@ -95,15 +90,13 @@ TEST(StringSearch, CompareFindSplitAndUpperCase)
 
 TEST(StringText, NumbersMatricesAndArraysNeverFail)
 {
-  const Float64 inf = std::numeric_limits<Float64>::infinity();
   const FormatStatement padded{.width = 5, .precision = 1, .fill = '*'};
   auto text = [](int v) { return String::IntToString(v); };
   const std::pair<String, const char*> cases[] = {
-    {String::IntToString(std::numeric_limits<Int>::min()), "-9223372036854775808"},
     // By default the shortest text that reads back exactly.
     {String::FloatToString(1.0), "1"}, {String::FloatToString(-0.0), "-0"}, {String::FloatToString(0.1), "0.1"},
     {String::FloatToString(1e300), "1e+300"}, {String::FloatToString(-std::nan("")), "nan"},
-    {String::FloatToString(-inf), "-inf"}, {String::FloatToString(2.5, 8, 2, false, ' '), "    2.50"},
+    {String::FloatToString(-HUGE_VAL), "-inf"}, {String::FloatToString(2.5, 8, 2, false, ' '), "    2.50"},
     {String::FloatToString(-2.5, 6, 1, false, '0'), "00-2.5"}, {String::FloatToString(1.25, &padded), "**1.2"},
     {String::FloatToString(1234.5, -1, 2, true, ' '), "1.23e+03"},
     {String::FloatToString(1234.5, -1, -3, true, ' '), "1.2345e+03"},
@@ -149,7 +142,6 @@ TEST(StringOutOfMemory, OperationsLeaveTheStringAsItWas)
     {"Insert", true, [](String& s) { return s.Insert(0, std::string_view("l_")); }, 1},
     {"Reserve", true, [](String& s) { return s.Reserve(10); }, 1},
     {"Append without room", false, [&](String& s) { return s.Append(def); }, 1},
-    {"ToUpper", true, [](String& s) { return Void(s.ToUpper()); }, 1},
     {"Split", true, [&](String& s) { return Void(s.Split(separator)); }, 3}, // two pieces and the array
   };
   for (const auto& [name, shared, op, failures] : cases)

@@ -11,8 +11,7 @@ namespace telvo
 namespace
 {
 
-using kelvara_test::MakeUuid;
-using kelvara_test::TaggedUuid;
+using namespace kelvara_test;
 
 constexpr const char* kText = "0123abcd-4567-89ef-0a1b-2c3d4e5f6a7b";
 constexpr const char* kUpper = "0123ABCD-4567-89EF-0A1B-2C3D4E5F6A7B";
@@ -23,7 +22,6 @@ TEST(UuidValue, TextInEitherCaseNullEqualsZeroAndMemcmpOrder)
   EXPECT_EQ(MakeUuid(kUpper).ToString().View(), kText);
   EXPECT_EQ(MakeUuid(kText).ToString(&upper).View(), kUpper);
   EXPECT_EQ(Uuid().ToString().View(), "00000000-0000-0000-0000-000000000000");
-  // Short, a dash missing, not hex.
   for (std::string_view bad : {"0123abcd-4567-89ef-0a1b-2c3d4e5f6a7", "0123abcd04567-89ef-0a1b-2c3d4e5f6a7b",
                                "0123abcg-4567-89ef-0a1b-2c3d4e5f6a7b"})
     kelvara_test::ExpectError(Uuid::FromString(bad), IllegalArgumentError, "Illegal argument: not a Uuid text");
