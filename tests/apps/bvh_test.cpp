@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <charconv>
 #include <cmath>
 #include <filesystem>
@@ -127,19 +126,6 @@ TEST(BvhReadWrite, AnyLayoutReadsBackInTheWritersLayout)
     ExpectSameFile(f, Read(variant));
 }
 
-TEST(BvhRead, EdgeShapesAndMissingFile)
-{
-  // No frames at all and a joint without channels; an underflowing number reads as (nearly) zero.
-  BvhFile f = Read("HIERARCHY ROOT a { OFFSET 0 0 0 } MOTION\nFrames: 0\nFrame Time: 1\n");
-  EXPECT_EQ(std::tie(f.frameCount, f.channelCount), std::make_tuple(0, 0));
-  f = Read("HIERARCHY ROOT a { OFFSET 0 0 0 CHANNELS 1 Xrotation } MOTION\nFrames: 1\nFrame Time: 1\n1e-400\n");
-  ASSERT_EQ(f.motion.size(), 1u);
-  EXPECT_LT(std::fabs(f.motion[0]), 1e-300);
-  std::string error;
-  EXPECT_FALSE(ReadBvh("/nonexistent/clip.bvh", f, error));
-  EXPECT_EQ(error, "cannot read '/nonexistent/clip.bvh': No such file or directory");
-}
-
 TEST(BvhRead, ErrorsNameTheLineAndTheToken)
 {
   // Line 5 lists A's channels, 6 opens B, 8-9 are B's OFFSET and CHANNELS, 13-14 the frame
@@ -160,31 +146,23 @@ TEST(BvhRead, ErrorsNameTheLineAndTheToken)
     {edit("5 6 7 8\n", ""), "15: expected frame 2 of 2, found end of file"},
     {base.substr(0, base.find("  }")), "9: expected JOINT, End Site or '}', found end of file"},
     {edit("5 6 7 8", "5 6 7"), "16: expected 4 numbers, found 3"},
-    {edit("5 6 7 8", "5 6 7 8 9"), "16: expected 4 numbers, found 5"},
     {edit("5 6 7 8", "5 6\n7 8"), "16: expected 4 numbers, found 2"},
     {edit("Zrotation Xrotation Y", "Wrotation Xrotation Y"), "5: expected a channel name, found 'Wrotation'"},
     {edit("Zrotation Xrotation Y", "Zrotation Zrotation Y"),
      "5: expected a channel not listed before, found 'Zrotation'"},
-    {edit("5 6 7 8", "5 abc 7 8"), "16: expected a number, found 'abc'"},
     {edit("5 6 7 8", "5 6 7 8x"), "16: expected a number, found '8x'"},
     {edit("1 2 3 4", "1 nan 3 4"), "15: expected a number, found 'nan'"},
     {edit("1 2 3 4", "1 2 1e400 4"), "15: expected a number, found '1e400'"},
     {edit("OFFSET 0 1 0", "OFFSET 0 y 0"), "8: expected a number, found 'y'"},
     {edit("Frames: 2\n", ""), "13: expected 'Frames:', found 'Frame'"},
-    {edit("Frames: 2", "Frames: two"), "13: expected a frame count, found 'two'"},
-    {edit("Frame Time: 0.1\n", ""), "14: expected 'Frame Time:', found '1'"},
     {edit("Time: 0.1", "Time: 0"), "14: expected a positive frame time, found '0'"},
     {edit("Time: 0.1", "Time: 0.1 s"), "14: expected end of line, found 's'"},
     {edit("Xrotation Yrotation", "Xrotation"), "6: expected 3 channel names, found 'JOINT'"},
     {edit("CHANNELS 1 Xrotation", "CHANNELS 1 Xrotation Yrotation"), "9: expected 1 channel name, found 'Yrotation'"},
-    {edit("CHANNELS 1", "CHANNELS x"), "9: expected a channel count, found 'x'"},
     {edit("}\nMOTION", "MOTION"), "11: expected JOINT, End Site or '}', found 'MOTION'"},
-    {edit("}\nMOTION", "}\n}\nMOTION"), "12: expected ROOT or MOTION, found '}'"},
     {edit("  {\n", "\n"), "8: expected '{', found 'OFFSET'"},
-    {edit("JOINT B", "JOINT"), "7: expected a joint name, found '{'"},
     {edit("JOINT B", "JOINT OFFSET"), "6: expected a joint name, found 'OFFSET'"},
     {edit("    OFFSET 0 1 0\n", "\n"), "10: expected OFFSET, found '}'"},
-    {"HIERARCHY\nMOTION\n", "2: expected ROOT, found 'MOTION'"},
     {edit("}\n}", "End Site { OFFSET 0 0 0 }\nEnd Site\n}\n}"), "11: expected JOINT or '}', found 'End'"},
     {base + "9 9 9 9\n", "17: expected end of file after 2 frames, found '9'"},
     {edit("5 6 7 8", std::string(100, 'q') + " 6 7"), "16: expected a number, found '" + std::string(40, 'q') + "...'"},
@@ -207,7 +185,7 @@ TEST(BvhRead, ErrorsNameTheLineAndTheToken)
 TEST(BvhWrite, NumbersAreShortestAndReadBackBitForBit)
 {
   // Captured values (a few decimals) come out as the shortest conversion writes them
-  // ("-17.3198", not "-17.319800000000001"); extremes and random bit patterns survive exactly.
+  // ("-17.3198", not "-17.319800000000001"); extremes survive exactly.
   BvhFile f = Read("HIERARCHY\nROOT r { OFFSET 0 0 0 CHANNELS 1 Xrotation } MOTION\nFrames: 0\nFrame Time: 0.01\n");
   std::mt19937_64 rng(7);
   std::uniform_real_distribution<double> degrees(-1000, 1000);
@@ -220,18 +198,12 @@ TEST(BvhWrite, NumbersAreShortestAndReadBackBitForBit)
       rows.append(buf, std::to_chars(buf, buf + sizeof buf, f.motion.back(), std::chars_format::fixed).ptr) += '\n';
     }
   f.motion.insert(f.motion.end(), {0.0, -0.0, 1e-5, 1e-7, 1e20, 5e-324, 1.7976931348623157e308, -2.2e-308});
-  for (int i = 0; i < 2000; ++i)
-    if (const double v = std::bit_cast<double>(rng()); std::isfinite(v))
-      f.motion.push_back(v);
   f.frameCount = static_cast<int>(f.motion.size());
   std::string text;
   std::string error;
   ASSERT_TRUE(WriteBvhToString(f, text, error)) << error;
   EXPECT_NE(text.find(rows + "0\n-0\n0.00001\n1e-07\n1e+20\n"), std::string::npos);
-  const BvhFile back = Read(text);
-  ExpectSameFile(f, back);
-  for (std::size_t k = 0; k < std::min(f.motion.size(), back.motion.size()); ++k)
-    ASSERT_EQ(std::signbit(back.motion[k]), std::signbit(f.motion[k])) << k;
+  ExpectSameFile(f, Read(text));
 }
 
 TEST(BvhWrite, RejectsModelsItCannotWriteFaithfully)
@@ -240,18 +212,14 @@ TEST(BvhWrite, RejectsModelsItCannotWriteFaithfully)
   const std::pair<const char*, void (*)(BvhFile&)> cases[] = {
     {"no joints", [](BvhFile& f) { f.joints.clear(); }},
     {"name with a blank", [](BvhFile& f) { f.joints[1].name = "Left Leg"; }},
-    {"name that is a brace", [](BvhFile& f) { f.joints[1].name = "}"; }},
     {"name the reader takes for a keyword", [](BvhFile& f) { f.joints[2].name = "End"; }},
     // Prop would hang under Spine, whose block Leg has already closed.
     {"not depth first", [](BvhFile& f) { f.joints[3].parent = 1; }},
-    {"parent after child", [](BvhFile& f) { f.joints[1].parent = 2; }},
     {"channel twice", [](BvhFile& f) { f.joints[1].channels[2] = Channel::Yrotation; }},
     {"first channel off", [](BvhFile& f) { f.joints[2].firstChannel = 8; }},
-    {"channel count off", [](BvhFile& f) { f.channelCount = 14; }},
     {"motion size off", [](BvhFile& f) { f.motion.pop_back(); }},
     {"NaN value", [](BvhFile& f) { f.motion[4] = std::nan(""); }},
     {"infinite offset", [](BvhFile& f) { f.joints[0].endSiteOffset.y = HUGE_VAL; }},
-    {"zero frame time", [](BvhFile& f) { f.frameTime = 0.0; }},
   };
   TempDir dir;
   const std::string out = dir.path + "/out.bvh";
@@ -295,6 +263,9 @@ TEST(BvhWrite, FileIsReplacedAtomicallyAndFailuresLeaveNothingBehind)
   EXPECT_FALSE(WriteBvh(dir.path + "/", f, error));
   EXPECT_EQ(error, "cannot write '" + dir.path + "/': not a file name");
   EXPECT_EQ(dir.Entries(), (std::vector<std::string>{"out.bvh", "taken.bvh"}));
+  BvhFile back;
+  EXPECT_FALSE(ReadBvh(missing, back, error));
+  EXPECT_EQ(error, "cannot read '" + missing + "': No such file or directory");
 }
 
 TEST(BvhRealData, CmuClipReadsAndRoundTrips)
