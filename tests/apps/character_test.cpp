@@ -1,7 +1,6 @@
 // Characters built from BVH skeletons: node ids, rest matrices, presets and sides.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <set>
 #include <sstream>
 
@@ -129,22 +128,6 @@ TEST_F(CharacterTest, PresetsFillTheirFamilies)
   Fill(studio, forced, "cmu");
   EXPECT_EQ(forced.preset, "cmu");
   EXPECT_EQ(Parts(forced, {kLeftClavicle, kLeftShin}), "LeftShoulder (empty)");
-
-  const std::string cmu = "/usr/share/assimp/models/BVH/01_01.bvh";
-  if (!std::filesystem::exists(cmu))
-    GTEST_SKIP() << cmu << " is not installed";
-  BvhFile f;
-  std::string error;
-  ASSERT_TRUE(ReadBvh(cmu, f, error)) << error;
-  Character c;
-  Fill(f, c);
-  EXPECT_EQ(c.preset, "cmu");
-  EXPECT_EQ(Parts(c, {kSpine, kChest, kNeck, kLeftClavicle, kLeftUpperArm, kLeftForearm, kRightHand, kLeftThigh,
-                      kLeftShin, kRightToes}),
-            "Spine Spine1 Neck LeftShoulder LeftArm LeftForeArm RightHand LeftUpLeg LeftLeg RightToeBase");
-  EXPECT_TRUE(c.notes.empty());
-  // CMU clips face +Z with Y up: the character's left is +X.
-  EXPECT_TRUE(c.orientation.known && c.orientation.left.x > 0.99);
 }
 
 TEST_F(CharacterTest, SidesFollowTheRestPose)

@@ -59,7 +59,8 @@ TEST_F(ObjectJsonTest, MembersAreSavedByTheirDescriptionsAndReadBackAsNewObjects
   ASSERT_TRUE(copy);
   EXPECT_EQ(Save(copy), _saved);
   EXPECT_FALSE(copy->GetSkeletonTree().IsSameObject(_character.definition->GetSkeletonTree()));
-  EXPECT_TRUE(copy->GetBodyPartTree()->FindBodyPartByID(kelvara_test::Id(GetBodyPartInfo(kChest).identifier)).GetValue());
+  const telvo::InternedId chest = kelvara_test::Id(GetBodyPartInfo(kChest).identifier);
+  EXPECT_TRUE(copy->GetBodyPartTree()->FindBodyPartByID(chest).GetValue());
 }
 
 TEST_F(ObjectJsonTest, MalformedValuesAreRejectedWithTheirPath)
