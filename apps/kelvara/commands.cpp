@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -51,7 +52,10 @@ std::unique_ptr<telvo::LoadedModule> LoadModuleOrSayWhy()
   return module;
 }
 
-int RunCommandLine(int argc, char** argv)
+namespace
+{
+
+int ParseAndRun(int argc, char** argv)
 {
   CLI::App app{"kelvara: retargets motion capture (BVH) from one skeleton onto another through the kelvara "
                "module.",
@@ -194,6 +198,23 @@ int RunCommandLine(int argc, char** argv)
   if (demo->parsed())
     return RunDemoCommand(demoOut, demoFrames, demoMatchRest);
   return 2;
+}
+
+} // namespace
+
+int RunCommandLine(int argc, char** argv)
+{
+  // Memory of the host's own containers running out unwinds to here; every output is written to
+  // a temporary file and renamed when complete, so nothing partial is left behind.
+  try
+  {
+    return ParseAndRun(argc, argv);
+  }
+  catch (const std::bad_alloc&)
+  {
+    std::fputs("kelvara: out of memory\n", stderr);
+    return 1;
+  }
 }
 
 } // namespace kelvara

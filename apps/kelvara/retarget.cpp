@@ -46,6 +46,20 @@ bool PreparedRetarget::PairJoints(std::string& error)
     helper->AssociateBodyPartsByIdentifier(source->bodyParts[kHips], target->bodyParts[kHips], counters);
   if (!Check(association, "cannot associate the body parts", error))
     return false;
+  // The helper goes on past a body part it could not associate (its memory ran out) and only
+  // the counters show it: every body part of ours has a partner, so anything short of all of
+  // them paired is a failure, not a thinner pairing.
+  telvo::Int expectedPairs = 0;
+  for (int part = 0; part < kBodyPartCount; ++part)
+    expectedPairs += std::min(source->bodyParts[part]->GetSkeleton().GetCount(),
+                              target->bodyParts[part]->GetSkeleton().GetCount());
+  if (counters.matchedBodyParts != kBodyPartCount || counters.associatedNodePairs != expectedPairs)
+  {
+    error = "cannot associate the body parts: Out of memory (" + std::to_string(counters.matchedBodyParts) + " of " +
+            std::to_string(kBodyPartCount) + " body parts, " + std::to_string(counters.associatedNodePairs) +
+            " of " + std::to_string(expectedPairs) + " joint pairs made)";
+    return false;
+  }
   _association = association.GetValue();
 
   std::unordered_map<telvo::Uuid, int, UuidHash> sourceIndex;

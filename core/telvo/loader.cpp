@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <cstring>
+#include <new>
 #include <thread>
 
 namespace telvo
@@ -43,7 +44,18 @@ std::unique_ptr<LoadedModule> LoadedModule::Load(const std::string& path, std::s
   if (auto* delegate = static_cast<CpuYieldDelegate*>(dlsym(module->_handle, "g_CpuYieldDelegate")))
     *delegate = &YieldCpu;
 
-  if (!module->Process(why) || !module->BringUp(why))
+  // The registries' own containers may run out of memory part-way; every registration is all
+  // or nothing, so what was made is exactly what Unload withdraws.
+  Bool ok = false;
+  try
+  {
+    ok = module->Process(why) && module->BringUp(why);
+  }
+  catch (const std::bad_alloc&)
+  {
+    why = "out of memory while registering " + path;
+  }
+  if (!ok)
   {
     module->Unload();
     return nullptr;
@@ -71,6 +83,8 @@ Bool LoadedModule::Process(std::string& why)
   }
   const char* owner = _moduleId.c_str();
   Registry& registry = Registry::Get();
+  // Room for every action first: a registration made must never miss its place in _done.
+  _done.reserve(static_cast<std::size_t>(record.count));
   for (Int i = 0; i < record.count; ++i)
   {
     const Announcement& a = record.announcements[i];

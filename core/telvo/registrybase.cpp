@@ -64,13 +64,44 @@ Registry::Registry()
   RegisterInterface(HierarchyObjectInterface::GetInterfaceInfo(), kCoreFramework, why);
 }
 
+// Memory of the registry's own containers can run out part-way through a module's load. Each
+// registration therefore makes everything it needs first (Prepare, which may throw), then changes
+// the tables, and only then commits its records, which cannot throw; a withdrawal never throws.
+Registry::PendingRecord Registry::Prepare(RegistryKind kind, std::string_view name, std::string_view owner)
+{
+  PendingRecord record{RegistryEvent{true, kind, std::string(name), std::string(owner)}, std::string(name)};
+  _journal.reserve(_journal.size() + 1);
+  _order.reserve(_order.size() + 1);
+  return record;
+}
+
+void Registry::Commit(PendingRecord&& record) noexcept
+{
+  _order.emplace_back(record.event.kind, std::move(record.orderName));
+  _journal.push_back(std::move(record.event));
+}
+
 void Registry::Record(Bool registered, RegistryKind kind, std::string_view name, std::string_view owner)
 {
-  _journal.push_back(RegistryEvent{registered, kind, std::string(name), std::string(owner)});
   if (registered)
-    _order.emplace_back(kind, std::string(name));
-  else
-    Erase(kind, name);
+  {
+    Commit(Prepare(kind, name, owner));
+    return;
+  }
+  Erase(kind, name);
+  JournalWithdrawal(kind, name, owner);
+}
+
+void Registry::JournalWithdrawal(RegistryKind kind, std::string_view name, std::string_view owner) noexcept
+{
+  // The journal only reports; a withdrawal goes ahead when its line cannot be written.
+  try
+  {
+    _journal.push_back(RegistryEvent{false, kind, std::string(name), std::string(owner)});
+  }
+  catch (const std::bad_alloc&)
+  {
+  }
 }
 
 void Registry::Erase(RegistryKind kind, std::string_view name)
@@ -147,8 +178,9 @@ Bool Registry::RegisterModule(const char* id, std::string& why)
     why = std::string("module ") + id + " is already registered";
     return false;
   }
+  PendingRecord record = Prepare(RegistryKind::Module, id, id);
   _modules.emplace_back(id);
-  Record(true, RegistryKind::Module, id, id);
+  Commit(std::move(record));
   return true;
 }
 
@@ -161,64 +193,71 @@ void Registry::RegisterUnit(const char* id, const char* owner)
 void Registry::RegisterHeader(const char* id, const char* owner)
 {
   std::unique_lock lock(_mutex);
+  PendingRecord record = Prepare(RegistryKind::Header, id, owner);
   ++_headers[id];
-  Record(true, RegistryKind::Header, id, owner);
+  Commit(std::move(record));
 }
 
 Bool Registry::RegisterInterface(const InterfaceInfo& info, const char* owner, std::string& why)
 {
   std::unique_lock lock(_mutex);
+  PendingRecord record = Prepare(RegistryKind::Interface, info.id, owner);
   if (!_interfaces.emplace(info.id, &info).second)
   {
     why = std::string("interface ") + info.id + " is already registered";
     return false;
   }
-  Record(true, RegistryKind::Interface, info.id, owner);
+  Commit(std::move(record));
   return true;
 }
 
 Bool Registry::RegisterClass(const ClassInfo& info, const char* owner, std::string& why)
 {
   std::unique_lock lock(_mutex);
+  PendingRecord record = Prepare(RegistryKind::Class, info.classId, owner);
   if (!_classes.emplace(info.classId, &info).second)
   {
     why = std::string("class ") + info.classId + " is already registered";
     return false;
   }
-  Record(true, RegistryKind::Class, info.classId, owner);
+  Commit(std::move(record));
   return true;
 }
 
 Bool Registry::RegisterDataType(const DataType& type, const char* owner, std::string& why)
 {
   std::unique_lock lock(_mutex);
+  PendingRecord record = Prepare(RegistryKind::DataType, type.name, owner);
   if (!_dataTypes.emplace(type.name, &type).second)
   {
     why = std::string("data type ") + type.name + " is already registered";
     return false;
   }
-  Record(true, RegistryKind::DataType, type.name, owner);
+  Commit(std::move(record));
   return true;
 }
 
 Bool Registry::RegisterImplementation(const ImplementationInfo& info, const char* owner, std::string& why)
 {
   std::unique_lock lock(_mutex);
+  PendingRecord record = Prepare(RegistryKind::Implementation, info.name, owner);
   if (!_implementations.emplace(info.name, &info).second)
   {
     why = std::string("implementation ") + info.name + " is already registered";
     return false;
   }
-  Record(true, RegistryKind::Implementation, info.name, owner);
+  Commit(std::move(record));
   return true;
 }
 
 void Registry::AcquireFramework(const char* id, const char* owner)
 {
   // Called from the constructor too: no lock needed there, and the mutex is not recursive.
+  RegistryEvent event{true, RegistryKind::Framework, id, owner};
+  _journal.reserve(_journal.size() + 1);
   Framework& framework = _frameworks[id];
   if (framework.users++ == 0)
-    _journal.push_back(RegistryEvent{true, RegistryKind::Framework, id, owner});
+    _journal.push_back(std::move(event));
 }
 
 void Registry::InstallDependencies(const char* moduleId, std::span<const char* const> frameworkIds)
@@ -227,11 +266,31 @@ void Registry::InstallDependencies(const char* moduleId, std::span<const char* c
   auto [it, inserted] = _dependencies.try_emplace(moduleId);
   if (!inserted)
     FatalError("the dependency list of a module was installed twice");
-  for (const char* id : frameworkIds)
+  // All or nothing: a list cut short by memory would never be released and would trap the next
+  // load of the module.
+  try
   {
-    it->second.emplace_back(id);
-    AcquireFramework(id, moduleId);
-    Record(true, RegistryKind::Dependency, id, moduleId);
+    for (const char* id : frameworkIds)
+    {
+      PendingRecord record = Prepare(RegistryKind::Dependency, id, moduleId);
+      it->second.emplace_back(id);
+      try
+      {
+        AcquireFramework(id, moduleId);
+      }
+      catch (...)
+      {
+        it->second.pop_back();
+        throw;
+      }
+      Commit(std::move(record));
+    }
+  }
+  catch (...)
+  {
+    lock.unlock();
+    ReleaseDependencies(moduleId);
+    throw;
   }
 }
 
@@ -266,7 +325,8 @@ void Registry::WithdrawUnit(const char* id, const char* owner)
 void Registry::WithdrawHeader(const char* id, const char* owner)
 {
   std::unique_lock lock(_mutex);
-  auto it = _headers.find(id);
+  // Searched by view: a key made from id could need memory, and withdrawing must not.
+  auto it = std::find_if(_headers.begin(), _headers.end(), [id](const auto& entry) { return entry.first == id; });
   if (it != _headers.end() && --it->second == 0)
     _headers.erase(it);
   Record(false, RegistryKind::Header, id, owner);
@@ -303,7 +363,8 @@ void Registry::WithdrawImplementation(const ImplementationInfo& info, const char
 void Registry::ReleaseDependencies(const char* moduleId)
 {
   std::unique_lock lock(_mutex);
-  auto it = _dependencies.find(moduleId);
+  auto it = std::find_if(_dependencies.begin(), _dependencies.end(),
+                         [moduleId](const auto& entry) { return entry.first == moduleId; });
   if (it == _dependencies.end())
     return;
   std::vector<std::string>& ids = it->second;
@@ -316,7 +377,7 @@ void Registry::ReleaseDependencies(const char* moduleId)
     if (framework != _frameworks.end() && --framework->second.users == 0)
     {
       _frameworks.erase(framework);
-      _journal.push_back(RegistryEvent{false, RegistryKind::Framework, id, moduleId});
+      JournalWithdrawal(RegistryKind::Framework, id, moduleId);
     }
   }
   _dependencies.erase(it);

@@ -106,8 +106,18 @@ public:
   void SetClassHidden(std::string_view classId, Bool hidden);
 
 private:
+  // What a registration records, made before the tables change (it may throw), committed after.
+  struct PendingRecord
+  {
+    RegistryEvent event;
+    std::string orderName;
+  };
+
   Registry();
+  PendingRecord Prepare(RegistryKind kind, std::string_view name, std::string_view owner);
+  void Commit(PendingRecord&& record) noexcept;
   void Record(Bool registered, RegistryKind kind, std::string_view name, std::string_view owner);
+  void JournalWithdrawal(RegistryKind kind, std::string_view name, std::string_view owner) noexcept;
   void Erase(RegistryKind kind, std::string_view name);
 
   struct Framework
