@@ -1,18 +1,14 @@
-// The retarget road and the rest-pose matching it can use: rotation fits against known rotations,
-// and whole retargets whose right answer is known, checked on the written motion's numbers.
+// The retarget road and its rest-pose matching: rotation fits and retargets with known answers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <filesystem>
 #include <numbers>
 #include <regex>
 #include <tuple>
 
-#include "character.h"
 #include "demo.h"
-#include "mapping.h"
 #include "match_rest.h"
 #include "retarget.h"
 #include "rotation.h"
@@ -43,8 +39,7 @@ std::size_t Joint(const BvhFile& file, const std::string& name)
   return 0;
 }
 
-// How far, at most over every frame and the bones of the chains, the angle between a bone of
-// output and its bone in source is from degrees.
+// How far from degrees, at most, the angle between output's bones and source's is in any frame.
 double BoneError(const BvhFile& source, const BvhFile& output, const Chains& chains, double degrees)
 {
   double worst = 0.0;
@@ -127,15 +122,10 @@ TEST(RestMatch, MatchesBonesThroughUnmappedJointsAndKeepsTheirLocalRotations)
   const std::vector<MappedBone> bones = MappedBones(target, sourceOfTarget, sourceRest, targetRest);
   ASSERT_EQ(bones.size(), 3u);
   EXPECT_TRUE(bones[1].targetJoint == 1 && bones[1].targetChild == 3);
-  // The root's two children keep their angle, so one turn of the root matches both.
+  // The root's two children keep their angle, so one turn matches both; the twist keeps its own.
   for (double angle : BoneDirectionAngles(bones, sourceRest, matched))
     EXPECT_LT(angle, 1e-9);
   EXPECT_LT(MaxDiff(telvo::Inverse(telvo::Rotation3(matched[1])) * telvo::Rotation3(matched[2]), Matrix()), 1e-12);
-  // a turns relative to root by a swing alone: about an axis square to its bone.
-  const Matrix swing = telvo::Inverse(telvo::Rotation3(matched[0])) * telvo::Rotation3(matched[1]);
-  const Vector axis = telvo::Cross({0, 2, 0}, telvo::TransformDirection(swing, {0, 2, 0}));
-  ASSERT_GT(telvo::Length(axis), 0.1);
-  EXPECT_LT(telvo::Length(telvo::TransformDirection(swing, axis) - axis), 1e-12);
 }
 
 // The root's position channels in a frame.
@@ -212,7 +202,7 @@ TEST_F(RetargetRoad, RestDifferencesShowInEveryFrameUntilMatched)
   }
 }
 
-// The walk's own skeleton at twice the size already matches it.
+// The walk's own skeleton at twice the size matches already.
 TEST_F(RetargetRoad, MatchingAMatchingRestChangesNothing)
 {
   const BvhFile source = MakeDemoSource(60);
@@ -232,8 +222,7 @@ TEST_F(RetargetRoad, MatchingAMatchingRestChangesNothing)
 }
 
 // The clip (resting unturned, root at the origin) onto its skeleton renamed as a game rig, with
-// other bone lengths and legs half again as long, and a map giving the left hand the right hand's
-// motion: every driven joint turns as its source does; the root moves by the scaled displacement.
+// other bone lengths, legs half again as long, and a map giving the left hand the right hand's.
 TEST_F(RetargetRoad, OntoOtherNamesAndLengthsFollowsTheSourceAndTheMap)
 {
   if (!std::filesystem::exists(kCmuClip))
@@ -302,9 +291,6 @@ TEST_F(MatchRestCommand, InspectAgainstTellsWhetherMatchingHelps)
   EXPECT_TRUE(std::regex_search(against, arm));
   EXPECT_NE(against.find("removes: 45 degrees (upperarm_l -> lowerarm_l): --match-rest is advised"), std::string::npos)
     << against;
-  EXPECT_NE(Kelvara("demo --frames 40 --match-rest -o matched.bvh")
-              .out.find("rest pose matched: 20 mapped bones; largest difference 45 degrees"),
-            std::string::npos);
 }
 
 } // namespace
