@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include "character.h"
@@ -315,7 +316,17 @@ BatchResult RunBatch(const BatchSettings& settings)
       {
         const Clock::time_point clipStart = Clock::now();
         ClipReport& r = result.clips[i];
-        result.status[i] = RetargetOne(settings, shared, logMutex, r);
+        // A worker thread cannot let an exception out: memory running out fails this clip alone
+        // (its output is written atomically, so nothing partial is left).
+        try
+        {
+          result.status[i] = RetargetOne(settings, shared, logMutex, r);
+        }
+        catch (const std::bad_alloc&)
+        {
+          r.error = AboutClip(r.source, "out of memory");
+          result.status[i] = 1;
+        }
         r.ok = result.status[i] == 0;
         progress.ClipDone(r, result.status[i], SecondsSince(clipStart));
       }
