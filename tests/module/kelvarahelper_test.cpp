@@ -85,20 +85,14 @@ std::vector<int> Partners(const CharacterAssociation& association, std::initiali
   return partners;
 }
 
-using KelvaraHelperFill = kelvara_test::HelperTest;
-using KelvaraHelperAssociation = kelvara_test::HelperTest;
-using KelvaraHelperPose = kelvara_test::HelperTest;
+using KelvaraHelperTest = kelvara_test::HelperTest;
 
-TEST_F(KelvaraHelperFill, KeywordsMatchCaseInsensitiveSubstringsJoinedByAnd)
+TEST_F(KelvaraHelperTest, KeywordsMatchCaseInsensitiveSubstringsJoinedByAnd)
 {
   const char* names[] = {"LeftArm", "l_ARM_left_01", "ARMLEFT", "Arm_L", "spine2"};
   // Which names each keyword matches; empty pieces are dropped, so a keyword of separators only never matches.
-  for (auto [keyword, expected] : {std::pair{"arm&&left", "11100"},
-                                   {"Spine", "00001"},
-                                   {"arm&&", "11110"},
-                                   {"&&arm&&&&l", "11110"},
-                                   {"&&", "00000"},
-                                   {"", "00000"}})
+  for (auto [keyword, expected] :
+       {std::pair{"arm&&left", "11100"}, {"arm&&", "11110"}, {"&&arm&&&&l", "11110"}, {"&&", "00000"}})
   {
     std::string matched;
     for (const char* name : names)
@@ -111,7 +105,7 @@ TEST_F(KelvaraHelperFill, KeywordsMatchCaseInsensitiveSubstringsJoinedByAnd)
   }
 }
 
-TEST_F(KelvaraHelperFill, FirstNodeInPreOrderWinsDiscardKeywordsWinAndEverySkeletonIsReplaced)
+TEST_F(KelvaraHelperTest, FirstNodeInPreOrderWinsDiscardKeywordsWinAndEverySkeletonIsReplaced)
 {
   CharacterTreeRef skeleton = Node(
     1, "Hips",
@@ -134,11 +128,17 @@ TEST_F(KelvaraHelperFill, FirstNodeInPreOrderWinsDiscardKeywordsWinAndEverySkele
   EXPECT_TRUE(_helper->FillBodyPart(skeleton, CharacterBodyPartRef()).GetError().IsClass(NullptrError));
   EXPECT_TRUE(_helper->FillBodyPart(CharacterTreeRef(), Part("Root")).IsOk());
   EXPECT_TRUE(_helper->FillBodyPart(CharacterTreeRef(), Part("Root", {"hips"})).GetError().IsClass(NullptrError));
+  // A failing fill leaves the body part's skeleton as it was.
+  auto makeArm = [] { return Part("Arm", {"left&&arm", "arm"}, {"roll"}, {9}); };
+  EXPECT_GT(kelvara_test::SweepOutOfMemory(
+              makeArm, [&](CharacterBodyPartRef& arm) { return _helper->FillBodyPart(skeleton, arm); },
+              [](const CharacterBodyPartRef& arm) { return testing::PrintToString(Numbers(arm)); }),
+            0);
 }
 
-TEST_F(KelvaraHelperAssociation, MissingRootsAreRejectedWithTheExactMessageAndCountersUntouched)
+TEST_F(KelvaraHelperTest, AssociationPairsByIdentifierAndPositionSwallowingTheErrorsOfOneBodyPart)
 {
-  AssociationCounters counters{1, 2, 3, 4, 5};
+  AssociationCounters counters{7, 7, 7, 7, 7};
   for (int which = 0; which < 3; ++which)
   {
     Result<CharacterAssociation> r = _helper->AssociateBodyPartsByIdentifier(
@@ -147,12 +147,7 @@ TEST_F(KelvaraHelperAssociation, MissingRootsAreRejectedWithTheExactMessageAndCo
     EXPECT_TRUE(r.GetError().IsClass(IllegalArgumentError));
     EXPECT_STREQ(r.GetError().GetMessage(), "Illegal argument: Condition srcBodyPart && dstBodyPart not fulfilled. ");
   }
-  EXPECT_EQ(AsVector(counters), (std::vector<Int>{1, 2, 3, 4, 5}));
-}
-
-TEST_F(KelvaraHelperAssociation, PairsByIdentifierAndPositionSwallowingTheErrorsOfOneBodyPart)
-{
-  AssociationCounters counters{7, 7, 7, 7, 7};
+  EXPECT_EQ(AsVector(counters), (std::vector<Int>{7, 7, 7, 7, 7})) << "missing roots leave the counters alone";
   Result<CharacterAssociation> none =
     _helper->AssociateBodyPartsByIdentifier(Part("Hips", {}, {}, {1}, {Part("Spine", {}, {}, {2}), Part("Head")}),
                                             Part("Pelvis", {}, {}, {11}, {Part("Chest", {}, {}, {12})}), counters);
@@ -178,32 +173,47 @@ TEST_F(KelvaraHelperAssociation, PairsByIdentifierAndPositionSwallowingTheErrors
   ASSERT_TRUE(r.IsOk());
   EXPECT_EQ(AsVector(counters), (std::vector<Int>{2, 2, 1, 1, 1}));
   EXPECT_EQ(Partners(r.GetValue(), {1, 3, 12}), (std::vector<int>{11, 13, 0}));
+
+  // Only creating the association fails the call; later failures are swallowed per body part.
+  CharacterBodyPartRef source = Part("Hips", {}, {}, {}, {Part("Arm", {}, {}, {3, 4})});
+  CharacterBodyPartRef target = Part("Hips", {}, {}, {}, {Part("Arm", {}, {}, {13, 14})});
+  EXPECT_GT(kelvara_test::SweepAllocationFailures(
+              [] { return AssociationCounters{}; },
+              [&](AssociationCounters& c) { return _helper->AssociateBodyPartsByIdentifier(source, target, c); },
+              [&](AssociationCounters& c, const Result<CharacterAssociation>& r, bool failed) {
+                EXPECT_TRUE(r.IsOk() || (failed && r.GetError().IsClass(OutOfMemoryError)));
+                EXPECT_TRUE(failed || AsVector(c) == (std::vector<Int>{2, 2, 2, 2, 2}));
+              }),
+            0);
 }
 
-TEST_F(KelvaraHelperPose, TranslationKeepsAssociatedNodesOnPrivateCopiesInSourceOrder)
+TEST_F(KelvaraHelperTest, TranslationKeepsAssociatedNodesOnPrivateCopiesInSourceOrder)
 {
   CharacterPose pose = MakePose({1, 2, 3});
   const std::string before = kelvara_test::Text(pose->ToString());
   CharacterAssociation association = CreateObject<CharacterAssociation>(kAssociationClassId).GetValue();
   ASSERT_TRUE(association.MakeWritable().GetValue()->AssociateUuid(MakeId(3), MakeId(33)).IsOk());
   ASSERT_TRUE(association.MakeWritable().GetValue()->AssociateUuid(MakeId(1), MakeId(11)).IsOk());
-
   CharacterPose translated = kelvara_test::Value(_helper->TranslateSrcToDestID(association, pose));
-  const BaseArray<CharacterNodeTransform>& nodes = translated->GetNodeTransformArray();
-  ASSERT_EQ(nodes.GetCount(), 2);
-  EXPECT_TRUE(nodes[0]->GetUuid() == MakeId(11));
-  EXPECT_EQ(nodes[0]->GetGlobalMatrix().off.x, 10.0);
-  EXPECT_TRUE(nodes[1]->GetUuid() == MakeId(33));
-  EXPECT_EQ(nodes[1]->GetGlobalMatrix().off.x, 30.0);
+  ASSERT_EQ(translated->GetNodeTransformCount(), 2);
+  for (Int i = 0; i < 2; ++i)
+  {
+    EXPECT_TRUE(translated->GetNodeTransformArray()[i]->GetUuid() == MakeId(11 + 22 * i));
+    EXPECT_EQ(translated->GetNodeTransformArray()[i]->GetGlobalMatrix().off.x, 10.0 + 20 * i);
+  }
   for (const CharacterAssociation& empty :
        {CharacterAssociation(), CreateObject<CharacterAssociation>(kAssociationClassId).GetValue()})
     EXPECT_EQ(kelvara_test::Value(_helper->TranslateSrcToDestID(empty, pose))->GetNodeTransformCount(), 0);
   EXPECT_EQ(kelvara_test::Text(pose->ToString()), before);
   EXPECT_EQ(pose->GetNodeTransformArray()[0].GetStrongRef()->GetReferenceCount(), 1);
   EXPECT_TRUE(_helper->TranslateSrcToDestID(association, CharacterPose()).GetError().IsClass(NullptrError));
+  EXPECT_GT(kelvara_test::SweepOutOfMemory([] { return 0; },
+                                           [&](int) { return _helper->TranslateSrcToDestID(association, pose); },
+                                           [&](int) { return kelvara_test::Text(pose->ToString()); }),
+            0);
 }
 
-TEST_F(KelvaraHelperPose, MatchingCountCoversTheSubtreeOnlyWhenRecursive)
+TEST_F(KelvaraHelperTest, MatchingCountCoversTheSubtreeOnlyWhenRecursive)
 {
   CharacterBodyPartRef hand = Part("Hand", {}, {}, {4, 5});
   CharacterBodyPartRef root = Part("Chest", {}, {}, {1, 2, 9}, {Part("Arm", {}, {}, {3}, {hand})});
@@ -213,41 +223,6 @@ TEST_F(KelvaraHelperPose, MatchingCountCoversTheSubtreeOnlyWhenRecursive)
   EXPECT_EQ(_helper->FindBodyPartMatchingCount(hand, pose, true).GetValue(), 1);
   EXPECT_TRUE(_helper->FindBodyPartMatchingCount(CharacterBodyPartRef(), pose, true).GetError().IsClass(NullptrError));
   EXPECT_TRUE(_helper->FindBodyPartMatchingCount(root, CharacterPose(), false).GetError().IsClass(NullptrError));
-}
-
-TEST_F(KelvaraHelperPose, OutOfMemoryFailsCleanly)
-{
-  using kelvara_test::SweepAllocationFailures;
-  using kelvara_test::SweepOutOfMemory;
-  CharacterTreeRef skeleton = Node(1, "Hips", {Node(2, "LeftUpLeg", {Node(3, "LeftLeg")}), Node(4, "Spine")});
-  // One body part: a failing fill leaves its skeleton as it was.
-  EXPECT_GT(SweepOutOfMemory(
-              [] {
-                return Part("Leg", {"left&&leg", "leg"}, {"up"}, {9});
-              },
-              [&](CharacterBodyPartRef& part) { return _helper->FillBodyPart(skeleton, part); },
-              [](const CharacterBodyPartRef& part) { return testing::PrintToString(Numbers(part)); }),
-            0);
-
-  // Association: only creating the association fails the call; later failures are swallowed per body part.
-  CharacterBodyPartRef source = Part("Hips", {}, {}, {}, {Part("Arm", {}, {}, {3, 4})});
-  CharacterBodyPartRef target = Part("Hips", {}, {}, {}, {Part("Arm", {}, {}, {13, 14})});
-  EXPECT_GT(SweepAllocationFailures(
-              [] { return AssociationCounters{}; },
-              [&](AssociationCounters& c) { return _helper->AssociateBodyPartsByIdentifier(source, target, c); },
-              [&](AssociationCounters& c, const Result<CharacterAssociation>& r, bool failed) {
-                EXPECT_TRUE(r.IsOk() || (failed && r.GetError().IsClass(OutOfMemoryError)));
-                EXPECT_TRUE(failed || AsVector(c) == (std::vector<Int>{2, 2, 2, 2, 2}));
-              }),
-            0);
-
-  CharacterPose pose = MakePose({1, 2, 3});
-  CharacterAssociation association = CreateObject<CharacterAssociation>(kAssociationClassId).GetValue();
-  ASSERT_TRUE(association.MakeWritable().GetValue()->AssociateUuid(MakeId(1), MakeId(11)).IsOk());
-  ASSERT_TRUE(association.MakeWritable().GetValue()->AssociateUuid(MakeId(3), MakeId(13)).IsOk());
-  EXPECT_GT(SweepOutOfMemory([] { return 0; }, [&](int) { return _helper->TranslateSrcToDestID(association, pose); },
-                             [&](int) { return kelvara_test::Text(pose->ToString()); }),
-            0);
 }
 
 } // namespace
