@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
 #include "support/poses.h"
@@ -27,23 +24,15 @@ Uuid NthUuid(int n)
   return kelvara_test::TaggedUuid(n, 0xde);
 }
 
-CharacterTreeRef Tree(int n, const char* name)
-{
-  return Value(CharacterTreeInterface::CreateTree(NthUuid(n), MakeString(name), true));
-}
-
-CharacterBodyPartRef Part(const char* id)
-{
-  return Value(CharacterBodyPartInterface::CreateBodyPart(Id(id), String()));
-}
-
 class CharacterDefinitionTest : public ::testing::Test
 {
 protected:
   CharacterDefinitionTest()
   {
-    EXPECT_TRUE(_skeleton->InsertChildLast(Tree(0x101, "Joint")).IsOk());
-    EXPECT_TRUE(_bodyParts->InsertChildLast(Part("Part1")).IsOk());
+    CharacterTreeRef joint = Value(CharacterTreeInterface::CreateTree(NthUuid(0x101), MakeString("Joint"), true));
+    EXPECT_TRUE(_skeleton->InsertChildLast(joint).IsOk());
+    CharacterBodyPartRef part = Value(CharacterBodyPartInterface::CreateBodyPart(Id("Part1"), String()));
+    EXPECT_TRUE(_bodyParts->InsertChildLast(part).IsOk());
   }
 
   static CharacterDefinition Make() { return Value(CreateObject<CharacterDefinition>(kClassId)); }
@@ -66,22 +55,12 @@ protected:
 
   // The members are made with the module's classes: load it first.
   const bool _loaded = (kelvara_test::LoadedModuleForTests(), true);
-  CharacterTreeRef _skeleton = Tree(0x100, "Hips");
-  CharacterBodyPartRef _bodyParts = Part("Body");
+  CharacterTreeRef _skeleton = Value(CharacterTreeInterface::CreateTree(NthUuid(0x100), MakeString("Hips"), true));
+  CharacterBodyPartRef _bodyParts = Value(CharacterBodyPartInterface::CreateBodyPart(Id("Body"), String()));
   CharacterPose _skeletonPose = kelvara_test::MakePose({});
   CharacterPose _controllersPose = kelvara_test::MakePose({});
   BaseArray<Uuid> _controllers = kelvara_test::ArrayOf({NthUuid(0x200), NthUuid(0x201)});
 };
-
-TEST_F(CharacterDefinitionTest, TextIsTheNodeInfoTextThroughEveryInterface)
-{
-  CharacterDefinition d = MakeFull();
-  EXPECT_EQ(TextOf(d), kText);
-  EXPECT_EQ(TextOf(QueryInterface<CharacterNodeInfoInterface>(d.GetPointer())), kText);
-  FormatStatement upper;
-  upper.upperCaseHex = true;
-  EXPECT_EQ(TextOf(d, &upper), "Object ID : DE000000-0000-0000-0000-000000000001\nObject Name : Actor\n");
-}
 
 TEST_F(CharacterDefinitionTest, CopyClonesTheRootsAndSharesThePosesAndControllerHandles)
 {
@@ -89,7 +68,11 @@ TEST_F(CharacterDefinitionTest, CopyClonesTheRootsAndSharesThePosesAndController
   CharacterDefinition copy = original;
   ASSERT_TRUE(copy.MakeWritable().IsOk());
   ASSERT_FALSE(copy.IsSameObject(original));
-  EXPECT_EQ(TextOf(copy), kText);
+  // The text is the node info's, with the format reaching the id.
+  EXPECT_EQ(TextOf(QueryInterface<CharacterNodeInfoInterface>(copy.GetPointer())), kText);
+  FormatStatement upper;
+  upper.upperCaseHex = true;
+  EXPECT_EQ(TextOf(copy, &upper), "Object ID : DE000000-0000-0000-0000-000000000001\nObject Name : Actor\n");
 
   // The roots: new objects of the same class, each with its whole subtree.
   const CharacterTreeRef& tree = copy->GetSkeletonTree();
@@ -120,7 +103,8 @@ TEST_F(CharacterDefinitionTest, CopyOverANullRootKeepsTheTargetsRoot)
   ASSERT_TRUE(W(source)->SetUuid(NthUuid(2)).IsOk());
   void* targetInstance = target->FindComponent("CharacterDefinitionImpl");
   ASSERT_NE(targetInstance, nullptr);
-  ASSERT_TRUE(target->GetClass()->operations.copy(targetInstance, source->FindComponent("CharacterDefinitionImpl")).IsOk());
+  const void* sourceInstance = source->FindComponent("CharacterDefinitionImpl");
+  ASSERT_TRUE(target->GetClass()->operations.copy(targetInstance, sourceInstance).IsOk());
 
   EXPECT_TRUE(target->GetSkeletonTree() == _skeleton);
   EXPECT_TRUE(target->GetBodyPartTree() == _bodyParts);
@@ -147,13 +131,10 @@ TEST_F(CharacterDefinitionTest, DescribesItsOwnMembersAfterTheNodeInfo)
 TEST_F(CharacterDefinitionTest, OutOfMemoryLeavesTheDefinitionUnchanged)
 {
   EXPECT_GT(kelvara_test::SweepCreation([] { return CreateObject<CharacterDefinition>(kClassId); }), 0);
-  // A change of a shared definition copies it first, cloning both roots with their subtrees. More
-  // controllers than the stored array's first block holds.
-  BaseArray<Uuid> many;
-  for (int n = 0; n < 40; ++n)
-    ASSERT_TRUE(many.Append(NthUuid(0x300 + n)).IsOk());
+  // A change of a shared definition copies it first, cloning both roots with their subtrees.
+  const BaseArray<Uuid> many = kelvara_test::ArrayOf({NthUuid(0x300), NthUuid(0x301), NthUuid(0x302)});
   EXPECT_GT(kelvara_test::SweepSharedChange(
-              [&] { return MakeFull(); }, [&](CharacterDefinitionInterface* w) { return w->SetControllers(many); },
+              [&] { return MakeFull(); }, [&](auto* w) { return w->SetControllers(many); },
               [](const CharacterDefinition& d) { return TextOf(d) + std::to_string(d->GetControllers().GetCount()); }),
             5);
   CharacterDefinition d = MakeFull();

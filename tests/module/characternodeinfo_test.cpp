@@ -21,7 +21,8 @@ class CharacterNodeInfoTest : public ::testing::Test
 protected:
   void SetUp() override { kelvara_test::LoadedModuleForTests(); }
 
-  CharacterNodeInfo Make() { return kelvara_test::Value(CharacterNodeInfoInterface::CreateNodeInfo(_uuid, _name)); }
+  auto Create() { return CharacterNodeInfoInterface::CreateNodeInfo(_uuid, _name); }
+  CharacterNodeInfo Make() { return kelvara_test::Value(Create()); }
 
   const Uuid _uuid = kelvara_test::MakeUuid("0123abcd-0000-4000-8000-00000000beef");
   const String _name = MakeString("LeftForeArm");
@@ -49,9 +50,6 @@ TEST_F(CharacterNodeInfoTest, FactoryAndCopyOnWriteShareIdAndName)
   // SetUuid makes its id private first: handing back the held id must end on the shared one.
   ASSERT_TRUE(writable->SetUuid(copy->GetUuid()).IsOk());
   EXPECT_TRUE(copy->GetUuid().IsSameObject(_uuid));
-  ASSERT_TRUE(writable->SetName(MakeString("Hips")).IsOk());
-  EXPECT_EQ(kelvara_test::Text(copy->GetName()), "Hips");
-  EXPECT_EQ(TextOf(original), kText);
 }
 
 TEST_F(CharacterNodeInfoTest, DescribesIdThenNameAndIsRefusedWhenHidden)
@@ -59,17 +57,15 @@ TEST_F(CharacterNodeInfoTest, DescribesIdThenNameAndIsRefusedWhenHidden)
   kelvara_test::ExpectDescribes(CharacterNodeInfoInterface::DescribeIO,
                                 {{"_objectID", "Uuid", DESCRIBEFLAGS_NONE, true},
                                  {"_objectName", "String", DESCRIBEFLAGS_NONE, true}});
-  kelvara_test::ExpectHiddenClassRefused(kClassId, [&] { return CharacterNodeInfoInterface::CreateNodeInfo(_uuid, _name); });
+  kelvara_test::ExpectHiddenClassRefused(kClassId, [&] { return Create(); });
 }
 
 TEST_F(CharacterNodeInfoTest, OutOfMemoryLeavesTheNodeUnchanged)
 {
-  EXPECT_GT(kelvara_test::SweepCreation([&] { return CharacterNodeInfoInterface::CreateNodeInfo(_uuid, _name); }), 0);
+  EXPECT_GT(kelvara_test::SweepCreation([&] { return Create(); }), 0);
   // The copy of the shared node, then its private id.
   const Uuid other = kelvara_test::MakeUuid("ffffffff-0000-4000-8000-000000000001");
-  EXPECT_EQ(kelvara_test::SweepSharedChange([&] { return Make(); },
-                                            [&](CharacterNodeInfoInterface* writable) { return writable->SetUuid(other); }),
-            2);
+  EXPECT_EQ(kelvara_test::SweepSharedChange([&] { return Make(); }, [&](auto* w) { return w->SetUuid(other); }), 2);
   CharacterNodeInfo info = Make();
   EXPECT_GT(kelvara_test::SweepTextPieces([&] { return info->ToString(); }, kelvara_test::Lines(kText)), 0);
 }

@@ -180,3 +180,17 @@ int SweepSharedChange(MAKE&& make, CHANGE&& change)
 }
 
 } // namespace kelvara_test
+
+namespace kelvara_test
+{
+
+// The pieces one after the other: the whole text SweepTextPieces expects.
+inline std::string Joined(const std::vector<std::string>& pieces)
+{
+  std::string whole;
+  for (const std::string& piece : pieces)
+    whole += piece;
+  return whole;
+}
+
+} // namespace kelvara_test
