@@ -16,7 +16,6 @@ namespace kelvara
 namespace
 {
 
-namespace fs = std::filesystem;
 using kelvara_test::ReadWholeFile;
 
 using BatchTest = kelvara_test::AppFolderTest;
@@ -38,7 +37,7 @@ TEST_F(BatchTest, BrokenClipIsReportedAndTheOthersAreWrittenAsAlone)
   const auto run = Kelvara("retarget a.bvh b.bvh c.bvh --target target.bvh -o out --jobs 2 --report r.json");
   EXPECT_EQ(run.status, 2) << run.err;
   EXPECT_TRUE(ReadWholeFile(_dir / "out/a.bvh") == single && ReadWholeFile(_dir / "out/c.bvh") == single);
-  EXPECT_FALSE(fs::exists(_dir / "out/b.bvh"));
+  EXPECT_FALSE(std::filesystem::exists(_dir / "out/b.bvh"));
   // Standard error is no terminal here: a plain line per written clip.
   for (const char* line : {"kelvara: b.bvh:", "expected", "a.bvh -> out/a.bvh: 240 frames"})
     EXPECT_NE(run.err.find(line), std::string::npos) << line << "\n" << run.err;
@@ -52,7 +51,7 @@ TEST_F(BatchTest, BrokenClipIsReportedAndTheOthersAreWrittenAsAlone)
   EXPECT_EQ(report["clips"][2]["source"], "c.bvh");
   // Two sources of one name would write one file: refused before anything is written.
   EXPECT_EQ(Kelvara("retarget a.bvh ./a.bvh --target target.bvh -o out2").status, 2);
-  EXPECT_FALSE(fs::exists(_dir / "out2"));
+  EXPECT_FALSE(std::filesystem::exists(_dir / "out2"));
 }
 
 TEST(BatchNames, OutputPathsAndSkeletons)

@@ -25,7 +25,6 @@ std::string Repeat(const std::string& text, int times)
   return all;
 }
 
-// depth tree nodes, each the only child of the one before.
 json NestedTrees(int depth)
 {
   return json::parse(Repeat(R"({"class":"net.telvo.animation.class.charactertree","members":{"IsTransformNode":false,)"
