@@ -44,9 +44,7 @@ TEST_F(CharacterAssociationTest, MissesAndInvalidArgumentsAreIllegalAndChangeNot
   const std::string empty = "Uuid Association Table : \n{}InternedId Association Table : \n{}";
   EXPECT_EQ(TextOf(a), empty);
   ExpectError(a->GetAssociatedUuid(A), IllegalArgumentError, kMiss);
-  ExpectError(a->GetAssociatedUuid(Uuid()), IllegalArgumentError, kMiss);
   ExpectError(a->GetAssociatedId(Id("Hips")), IllegalArgumentError, kMiss);
-  ExpectError(a->GetAssociatedId(InternedId()), IllegalArgumentError, kMiss);
   const Uuid zero = Value(Uuid::Create(Uuid::Bytes{}));
   const std::vector<std::pair<Uuid, Uuid>> invalid{{Uuid(), B}, {A, Uuid()}, {zero, B}, {A, zero}};
   for (const auto& [source, target] : invalid)
@@ -54,7 +52,6 @@ TEST_F(CharacterAssociationTest, MissesAndInvalidArgumentsAreIllegalAndChangeNot
   // Ids carry the Uuid wording too.
   ExpectError(W(a)->AssociateId(InternedId(), Id("Hips")), IllegalArgumentError, kInvalid);
   ExpectError(W(a)->AssociateId(Id("Hips"), InternedId()), IllegalArgumentError, kInvalid);
-  EXPECT_STREQ(W(a)->AssociateUuid(Uuid(), B).GetError().GetUnit(), "source/impl/characterassociation_impl");
   EXPECT_EQ(TextOf(a), empty);
 }
 
@@ -73,8 +70,7 @@ TEST_F(CharacterAssociationTest, BodyPartsAreAssociatedByTheirIdentifiers)
   ExpectError(W(a)->AssociateBodyPart(unnamed, q), IllegalArgumentError, kInvalid);
 }
 
-// Pairs go in both ways and the text lists the entries in the map's order, also once the table has
-// grown (16 buckets hold 10 entries); a copy lists the same.
+// The text lists the entries in the map's order, also once the table has grown (16 buckets hold 10).
 TEST_F(CharacterAssociationTest, PairsGoBothWaysInTheTableOrderThroughGrowthAndCopies)
 {
   CharacterAssociation a = Make();

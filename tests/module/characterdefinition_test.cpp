@@ -36,13 +36,12 @@ protected:
   }
 
   static CharacterDefinition Make() { return Value(CreateObject<CharacterDefinition>(kClassId)); }
-  static CharacterDefinitionInterface* W(CharacterDefinition& d) { return Value(d.MakeWritable()); }
 
   // Named "Actor", with every member below.
   CharacterDefinition MakeFull()
   {
     CharacterDefinition d = Make();
-    CharacterDefinitionInterface* w = W(d);
+    CharacterDefinitionInterface* w = Value(d.MakeWritable());
     EXPECT_TRUE(w->SetUuid(NthUuid(1)).IsOk());
     EXPECT_TRUE(w->SetName(MakeString("Actor")).IsOk());
     EXPECT_TRUE(w->SetSkeletonTree(_skeleton).IsOk());
@@ -94,13 +93,12 @@ TEST_F(CharacterDefinitionTest, CopyClonesTheRootsAndSharesThePosesAndController
   EXPECT_TRUE(copy->GetControllers()[1].IsSameObject(_controllers[1]));
 }
 
-// The class's copy operation: a null root in the source keeps the target's root, while poses and
-// controllers are always overwritten.
+// The class's copy operation keeps a root the source lacks, and overwrites poses and controllers.
 TEST_F(CharacterDefinitionTest, CopyOverANullRootKeepsTheTargetsRoot)
 {
   CharacterDefinition target = MakeFull();
   CharacterDefinition source = Make();
-  ASSERT_TRUE(W(source)->SetUuid(NthUuid(2)).IsOk());
+  ASSERT_TRUE(Value(source.MakeWritable())->SetUuid(NthUuid(2)).IsOk());
   void* targetInstance = target->FindComponent("CharacterDefinitionImpl");
   ASSERT_NE(targetInstance, nullptr);
   const void* sourceInstance = source->FindComponent("CharacterDefinitionImpl");
