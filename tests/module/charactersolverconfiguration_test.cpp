@@ -7,6 +7,7 @@
 #include "telvo/charactersolverconfiguration.h"
 
 using namespace telvo;
+using namespace kelvara_test; // values and sweeps
 
 namespace
 {
@@ -16,8 +17,8 @@ constexpr const char* kConfigurationClassId = "net.telvo.animation.class.charact
 CharacterDefinition MakeCharacter(const char* name)
 {
   CharacterDefinition character =
-    kelvara_test::Value(CreateObject<CharacterDefinition>("net.telvo.animation.class.characterdefinition"));
-  EXPECT_TRUE(character.MakeWritable().GetValue()->SetName(kelvara_test::MakeString(name)).IsOk());
+    Value(CreateObject<CharacterDefinition>("net.telvo.animation.class.characterdefinition"));
+  EXPECT_TRUE(character.MakeWritable().GetValue()->SetName(MakeString(name)).IsOk());
   return character;
 }
 
@@ -30,15 +31,15 @@ class CharacterSolverConfigurationTest : public ::testing::Test
 {
 protected:
   CharacterSolverConfigurationInterface* Writable() { return _configuration.MakeWritable().GetValue(); }
-  std::string Text() const { return kelvara_test::Text(_configuration->ToString()); }
+  std::string Text() const { return TextOf(_configuration); }
 
-  LoadedModule& _module = kelvara_test::LoadedModuleForTests();
+  LoadedModule& _module = LoadedModuleForTests();
   CharacterSolverConfiguration _configuration =
-    kelvara_test::Value(CreateObject<CharacterSolverConfiguration>(kConfigurationClassId));
+    Value(CreateObject<CharacterSolverConfiguration>(kConfigurationClassId));
   CharacterDefinition _source = MakeCharacter("Performer");
   CharacterDefinition _target = MakeCharacter("Hero");
   CharacterAssociation _association =
-    kelvara_test::Value(CreateObject<CharacterAssociation>("net.telvo.animation.class.characterassociation"));
+    Value(CreateObject<CharacterAssociation>("net.telvo.animation.class.characterassociation"));
 };
 
 TEST_F(CharacterSolverConfigurationTest, ValidationNeedsTheSourceFirstThenTheTargetButNoAssociation)
@@ -53,14 +54,11 @@ TEST_F(CharacterSolverConfigurationTest, ValidationNeedsTheSourceFirstThenTheTar
                           "\nTarget Character : " + (target ? "Hero" : "") + "\n");
       Result<void> valid = _configuration->Validate();
       if (source && target)
-      {
         EXPECT_TRUE(valid.IsOk());
-        continue;
-      }
-      ASSERT_TRUE(valid.IsError());
-      EXPECT_TRUE(valid.GetError().IsClass(UnexpectedError));
-      EXPECT_STREQ(valid.GetError().GetMessage(), source ? "Invalid Target Character" : "Invalid Source Character");
-      EXPECT_STREQ(valid.GetError().GetUnit(), "source/impl/charactersolverconfiguration_impl");
+      else
+        ExpectError(valid, UnexpectedError, source ? "Invalid Target Character" : "Invalid Source Character");
+      EXPECT_STREQ(valid.IsOk() ? "" : valid.GetError().GetUnit(),
+                   source && target ? "" : "source/impl/charactersolverconfiguration_impl");
     }
 }
 
@@ -88,22 +86,21 @@ TEST_F(CharacterSolverConfigurationTest, SharesItsObjectsAndCopiesOnWrite)
 
 TEST_F(CharacterSolverConfigurationTest, DescribesItsFourFieldsInOrder)
 {
-  kelvara_test::RecordingDescriber describer;
+  RecordingDescriber describer;
   ASSERT_TRUE(CharacterSolverConfigurationInterface::DescribeIO(describer).IsOk());
-  EXPECT_EQ(describer.members, (std::vector<kelvara_test::DeclaredMember>{
-                                 {"_sourceCharacter", "telvo::CharacterDefinition", 0, true},
-                                 {"_targetCharacter", "telvo::CharacterDefinition", 0, true},
-                                 {"_associationSourceTarget", "telvo::CharacterAssociation", 0, true},
-                                 {"_applyTranslationToRoot", "Bool", 0, true}}));
+  EXPECT_EQ(describer.members,
+            (std::vector<DeclaredMember>{{"_sourceCharacter", "telvo::CharacterDefinition", 0, true},
+                                         {"_targetCharacter", "telvo::CharacterDefinition", 0, true},
+                                         {"_associationSourceTarget", "telvo::CharacterAssociation", 0, true},
+                                         {"_applyTranslationToRoot", "Bool", 0, true}}));
 }
 
 TEST_F(CharacterSolverConfigurationTest, CreatingFailsCleanlyAndToStringDropsWholeLines)
 {
-  EXPECT_GT(
-    kelvara_test::SweepCreation([] { return CreateObject<CharacterSolverConfiguration>(kConfigurationClassId); }), 0);
+  EXPECT_GT(SweepCreation([] { return CreateObject<CharacterSolverConfiguration>(kConfigurationClassId); }), 0);
   ASSERT_TRUE(Writable()->Setup(_source, _target, _association).IsOk());
-  EXPECT_GT(kelvara_test::SweepTextPieces([&] { return _configuration->ToString(); },
-                                          {"Source Character : Performer\n", "Target Character : Hero\n"}),
+  EXPECT_GT(SweepTextPieces([&] { return _configuration->ToString(); },
+                            {"Source Character : Performer\n", "Target Character : Hero\n"}),
             0);
 }
 
