@@ -48,7 +48,15 @@ bool WriteFileAtomically(const std::string& path, std::string_view content, std:
   static std::atomic<unsigned> counter{0};
   const std::string temp = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + "." + base +
                            ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-  int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Where the file system allows, the content goes to a file without a name, so that a process
+  // killed while writing leaves nothing behind; it gets its temporary name only when complete.
+  bool named = false;
+  int fd = ::open(dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+  if (fd < 0 && errno != EACCES && errno != EROFS && errno != ENOSPC && errno != EDQUOT)
+  {
+    named = true;
+    fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  }
   if (fd < 0)
   {
     error = prefix + "cannot create a file in '" + dir + "': " + std::strerror(errno);
@@ -58,12 +66,30 @@ bool WriteFileAtomically(const std::string& path, std::string_view content, std:
     const int saved = errno;
     if (fd >= 0)
       ::close(fd);
-    ::unlink(temp.c_str());
+    if (named)
+      ::unlink(temp.c_str());
     error = prefix + std::strerror(saved);
     return false;
   };
   if (!WriteAll(fd, content.data(), content.size()) || ::fsync(fd) != 0)
     return abandon();
+  if (!named)
+  {
+    // Naming an unnamed file goes through /proc; without it, the content is written again
+    // under the temporary name.
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, temp.c_str(), AT_SYMLINK_FOLLOW) != 0)
+    {
+      if (errno != ENOENT)
+        return abandon();
+      ::close(fd);
+      named = true;
+      fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+      if (fd < 0 || !WriteAll(fd, content.data(), content.size()) || ::fsync(fd) != 0)
+        return abandon();
+    }
+    named = true;
+  }
   const int closed = ::close(fd);
   fd = -1;
   if (closed != 0 || ::rename(temp.c_str(), path.c_str()) != 0)

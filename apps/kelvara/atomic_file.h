@@ -1,5 +1,7 @@
 // Writing a file so that a reader never sees a partial one: the content goes to a temporary file
-// beside the target, is synced, and is renamed over the target only when complete.
+// beside the target (unnamed until complete where the file system allows), is synced, and is
+// renamed over the target only when complete. A process killed at any moment leaves the old file
+// or the complete new one.
 #pragma once
 
 #include <string>

@@ -1,14 +1,13 @@
 #include "report.h"
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <fstream>
 #include <optional>
 #include <utility>
 
+#include "atomic_file.h"
 #include "skeleton_pose.h"
 
 namespace kelvara
@@ -380,25 +379,7 @@ json ReportJson(const std::vector<ClipReport>& clips, double seconds)
 
 bool WriteReport(const std::string& path, const std::vector<ClipReport>& clips, double seconds, std::string& error)
 {
-  const std::string temporary = path + ".tmp" + std::to_string(getpid());
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out << ReportJson(clips, seconds).dump(2) << '\n';
-    out.flush();
-    if (!out)
-    {
-      std::remove(temporary.c_str());
-      error = path + ": cannot write the report";
-      return false;
-    }
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0)
-  {
-    std::remove(temporary.c_str());
-    error = path + ": cannot write the report";
-    return false;
-  }
-  return true;
+  return WriteFileAtomically(path, ReportJson(clips, seconds).dump(2) + "\n", error);
 }
 
 void PrintReportTable(std::FILE* out, const std::vector<ClipReport>& clips)

@@ -43,10 +43,11 @@ protected:
   }
   void TearDown() override { std::filesystem::remove_all(_dir); }
 
-  // kelvara with args (shell words) in the test's folder, stdin empty.
-  AppOutcome Kelvara(const std::string& args) const
+  // kelvara with args (shell words) in the test's folder, stdin empty; launcher (shell words) goes
+  // right before the program, e.g. "exec setpriv --reuid=65534".
+  AppOutcome Kelvara(const std::string& args, const std::string& launcher = "") const
   {
-    const std::string command = "cd '" + _dir.string() + "' && '" KELVARA_APP_PATH "' " + args +
+    const std::string command = "cd '" + _dir.string() + "' && " + launcher + " '" KELVARA_APP_PATH "' " + args +
                                 " >stdout.txt 2>stderr.txt </dev/null";
     AppOutcome run;
     const int raw = std::system(command.c_str());
