@@ -12,31 +12,30 @@
 #include "telvo/charactersolver.h"
 
 using namespace telvo;
-using namespace kelvara_test; // quaternion arithmetic, poses
+using namespace kelvara_test; // quaternion arithmetic, poses, character builders
 
 namespace
 {
 
-// A four-joint chain (hips, spine, arm, hand): names, rest local rotations and offsets.
+// A four-joint chain (hips, spine, arm, hand): its nodes' first id, names, rest local rotations and offsets.
 struct Character
 {
-  int firstId;
+  int id;
   const char* names[4];
   Quat restLocal[4];
-  Vector restOffset[4];
+  Vector offset[4];
 
-  // Global rotations and positions with the given local rotations, as a scene graph works them out.
-  std::vector<std::pair<Quat, Vector>> Globals(const Quat (&local)[4]) const
+  // Joint i's global rotation and position with the given local rotations, as a scene graph works them out.
+  std::pair<Quat, Vector> Global(const Quat (&local)[4], int i) const
   {
-    std::vector<std::pair<Quat, Vector>> globals{{local[0], restOffset[0]}};
-    for (int i = 1; i < 4; ++i)
-      globals.push_back(
-        {globals[i - 1].first * local[i], globals[i - 1].second + Rotate(globals[i - 1].first, restOffset[i])});
-    return globals;
+    if (i == 0)
+      return {local[0], offset[0]};
+    const auto [rotation, position] = Global(local, i - 1);
+    return {rotation * local[i], position + Rotate(rotation, offset[i])};
   }
   Matrix RestGlobal(int i) const
   {
-    return i < 0 ? Matrix{} : Place(Globals(restLocal)[i].first, Globals(restLocal)[i].second);
+    return i < 0 ? Matrix{} : Place(Global(restLocal, i).first, Global(restLocal, i).second);
   }
 };
 
@@ -52,79 +51,57 @@ const Character kTarget{
   {AxisAngle(1, 0, 0, -90), AxisAngle(0, 0, 1, 35), AxisAngle(0, 1, 0, -60), AxisAngle(1, 1, 0, 45)},
   {{0, 0.9, 0.1}, {0.7, 0, 0}, {0, 0, 0.3}, {0.25, 0.1, 0}}};
 
-Uuid MakeId(int n)
-{
-  return TaggedUuid(n, 0x77);
-}
-
 CharacterDefinition BuildDefinition(const Character& c, const KelvaraHelperRef& helper)
 {
-  const char* identifiers[4] = {"Hips", "Spine", "LeftArm", "LeftHand"};
-  const BaseArray<String> keywords[4] = {Strings({"hips", "pelvis"}), Strings({"spine"}),
-                                         Strings({"left&&arm", "upperarm&&_l"}), Strings({"hand"})};
-  CharacterTreeRef nodes[4];
-  CharacterBodyPartRef parts[4];
+  CharacterTreeRef skeleton =
+    MakeNode(c.id, c.names[0],
+             {MakeNode(c.id + 1, c.names[1], {MakeNode(c.id + 2, c.names[2], {MakeNode(c.id + 3, c.names[3])})})});
+  // The arm must not take the hand, whose name also holds "left".
+  CharacterBodyPartRef parts =
+    MakeBodyPart("Hips", {"hips", "pelvis"}, {}, {},
+                 {MakeBodyPart("Spine", {"spine"}, {}, {},
+                               {MakeBodyPart("LeftArm", {"left&&arm", "upperarm&&_l"}, {"hand"}, {},
+                                             {MakeBodyPart("LeftHand", {"hand"})})})});
+  EXPECT_TRUE(helper->FillBodyPart(skeleton, parts).IsOk());
   std::vector<CharacterNodeTransform> rest;
   for (int i = 0; i < 4; ++i)
-  {
-    nodes[i] = Value(CharacterTreeInterface::CreateTree(MakeId(c.firstId + i), MakeString(c.names[i]), true));
-    parts[i] = Value(CharacterBodyPartInterface::CreateBodyPart(Id(identifiers[i]), MakeString(identifiers[i])));
-    EXPECT_TRUE(parts[i]->SetSkeletonKeywords(keywords[i]).IsOk());
-    EXPECT_TRUE(i == 0 || nodes[i - 1]->InsertChildLast(ObjectRef(nodes[i])).IsOk());
-    EXPECT_TRUE(i == 0 || parts[i - 1]->InsertChildLast(ObjectRef(parts[i])).IsOk());
-    rest.push_back(MakeTransform(MakeId(c.firstId + i), c.RestGlobal(i), c.RestGlobal(i - 1)));
-  }
-  // The arm must not take the hand, whose name also holds "left".
-  EXPECT_TRUE(parts[2]->SetSkeletonDiscardKeywords(Strings({"hand"})).IsOk());
-  EXPECT_TRUE(helper->FillBodyPart(nodes[0], parts[0]).IsOk());
+    rest.push_back(MakeTransform(NodeId(c.id + i), c.RestGlobal(i), c.RestGlobal(i - 1)));
   CharacterDefinition definition =
     Value(CreateObject<CharacterDefinition>("net.telvo.animation.class.characterdefinition"));
   CharacterDefinitionInterface* writable = definition.MakeWritable().GetValue();
-  EXPECT_TRUE(writable->SetSkeletonTree(nodes[0]).IsOk());
-  EXPECT_TRUE(writable->SetBodyPartTree(parts[0]).IsOk());
+  EXPECT_TRUE(writable->SetSkeletonTree(skeleton).IsOk());
+  EXPECT_TRUE(writable->SetBodyPartTree(parts).IsOk());
   EXPECT_TRUE(writable->SetSkeletonRestPose(MakePose(rest)).IsOk());
   return definition;
 }
 
-class RetargetRoadTest : public HelperTest
-{
-protected:
-  void SetUp() override
-  {
-    HelperTest::SetUp();
-    _solver = Value(CreateObject<CharacterSolver>("net.telvo.animation.class.charactersolver"));
-    _configuration =
-      Value(CreateObject<CharacterSolverConfiguration>("net.telvo.animation.class.charactersolverconfiguration"));
-    CharacterDefinition source = BuildDefinition(kSource, _helper), target = BuildDefinition(kTarget, _helper);
-    AssociationCounters counters;
-    _association =
-      Value(_helper->AssociateBodyPartsByIdentifier(source->GetBodyPartTree(), target->GetBodyPartTree(), counters));
-    EXPECT_EQ(counters.associatedNodePairs, 4) << "the keywords picked one joint per body part in both characters";
-    ASSERT_TRUE(_configuration.MakeWritable().GetValue()->Setup(source, target, _association).IsOk());
-  }
-
-  CharacterSolver _solver;
-  CharacterSolverConfiguration _configuration;
-  CharacterAssociation _association;
-};
+using RetargetRoadTest = HelperTest;
 
 TEST_F(RetargetRoadTest, TargetJointsFollowTheSourceJointsGlobalRotationChangeKeepingTheirBoneLengths)
 {
+  CharacterSolver solver = Value(CreateObject<CharacterSolver>("net.telvo.animation.class.charactersolver"));
+  CharacterSolverConfiguration configuration =
+    Value(CreateObject<CharacterSolverConfiguration>("net.telvo.animation.class.charactersolverconfiguration"));
+  CharacterDefinition source = BuildDefinition(kSource, _helper), target = BuildDefinition(kTarget, _helper);
+  AssociationCounters counters;
+  const CharacterAssociation association =
+    Value(_helper->AssociateBodyPartsByIdentifier(source->GetBodyPartTree(), target->GetBodyPartTree(), counters));
+  EXPECT_EQ(counters.associatedNodePairs, 4) << "the keywords picked one joint per body part in both characters";
+  ASSERT_TRUE(configuration.MakeWritable().GetValue()->Setup(source, target, association).IsOk());
+
   for (int frame = 0; frame < 6; ++frame)
   {
     // Every source joint turns about its own axis; the host feeds each joint with its rest parent's matrix.
-    const Quat turns[4] = {AxisAngle(0, 1, 0, 15.0 * frame), AxisAngle(1, 0, 1, 20.0 * frame),
-                           AxisAngle(0, 1, 1, -25.0 * frame), AxisAngle(1, 0, 0, 30.0 * frame)};
     Quat local[4];
     for (int i = 0; i < 4; ++i)
-      local[i] = turns[i] * kSource.restLocal[i];
-    const auto animated = kSource.Globals(local);
+      local[i] = AxisAngle(i % 2, 1, i, (15.0 + 5 * i) * frame) * kSource.restLocal[i];
     std::vector<CharacterNodeTransform> current;
     for (int i = 0; i < 4; ++i)
-      current.push_back(MakeTransform(MakeId(kSource.firstId + i), Place(animated[i].first, animated[i].second),
+      current.push_back(MakeTransform(NodeId(kSource.id + i),
+                                      Place(kSource.Global(local, i).first, kSource.Global(local, i).second),
                                       kSource.RestGlobal(i - 1)));
     CharacterPose deltas = Value(_helper->TranslateSrcToDestID(
-      _association, Value(_solver->ExtractGlobalDeltaPose(_configuration, MakePose(current)))));
+      association, Value(solver->ExtractGlobalDeltaPose(configuration, MakePose(current)))));
 
     // Down the target chain, parents first: each joint at its rest global rotation, placed under its parent's
     // new matrix. Its new global rotation must be the source joint's global rotation change applied to its rest.
@@ -132,18 +109,16 @@ TEST_F(RetargetRoadTest, TargetJointsFollowTheSourceJointsGlobalRotationChangeKe
     for (int i = 0; i < 4; ++i)
     {
       SCOPED_TRACE("frame " + std::to_string(frame) + ", joint " + std::to_string(i));
-      const Quat targetRest = kTarget.Globals(kTarget.restLocal)[i].first;
-      const Matrix global = Place(targetRest, (parent * Place(Quat{}, kTarget.restOffset[i])).off);
-      CharacterNodeTransform delta = Value(deltas->GetNodeTransformByID(MakeId(kTarget.firstId + i)));
+      const Quat targetRest = kTarget.Global(kTarget.restLocal, i).first;
+      const Matrix global = Place(targetRest, (parent * Place(Quat{}, kTarget.offset[i])).off);
+      CharacterNodeTransform delta = Value(deltas->GetNodeTransformByID(NodeId(kTarget.id + i)));
       ASSERT_TRUE(delta);
-      const Matrix result =
-        _solver->ApplyGlobalRotationDelta(MakeTransform(MakeId(kTarget.firstId + i), global, parent), delta,
-                                          _configuration->GetApplyTranslationFromRoot());
+      const Matrix result = solver->ApplyGlobalRotationDelta(MakeTransform(NodeId(kTarget.id + i), global, parent),
+                                                             delta, configuration->GetApplyTranslationFromRoot());
       parent = parent * result;
-      EXPECT_LT(
-        AxesDiff(parent, animated[i].first * Conjugate(kSource.Globals(kSource.restLocal)[i].first) * targetRest),
-        1e-9);
-      EXPECT_LT(MaxDiff(result.off, kTarget.restOffset[i]), 1e-9);
+      const Quat change = kSource.Global(local, i).first * Conjugate(kSource.Global(kSource.restLocal, i).first);
+      EXPECT_LT(AxesDiff(parent, change * targetRest), 1e-9);
+      EXPECT_LT(MaxDiff(result.off, kTarget.offset[i]), 1e-9);
     }
   }
 }
