@@ -20,7 +20,11 @@ CharacterBodyPartInterface* AsBodyPart(const ObjectInterface* node)
 // "<label>(<count>) :\n", the header line of an array section.
 Result<String> MakeSectionHeader(std::string_view label, Int count)
 {
+  // A count always has digits: an empty text means its memory ran out, and a header without its
+  // count is dropped like any other piece that could not be built.
   String line = String::IntToString(count);
+  if (line.IsEmpty())
+    return TELVO_OUT_OF_MEMORY();
   TELVO_TRY(line.Insert(0, label));
   TELVO_TRY(line.Append(std::string_view(") :\n")));
   return line;
@@ -32,7 +36,7 @@ void AppendUuidSection(String& result, std::string_view label, const BaseArray<U
   AppendPiece(result, MakeSectionHeader(label, uuids.GetCount()));
   // A null element prints the framework's default Uuid.
   for (const Uuid& uuid : uuids)
-    AppendPiece(result, MakeLine("\t", uuid.ToString(formatStatement)));
+    AppendHandleLine(result, "\t", uuid.ToString(formatStatement), false);
 }
 
 void AppendStringSection(String& result, std::string_view label, const BaseArray<String>& texts)
@@ -166,7 +170,7 @@ public:
     String result;
     AppendPiece(result, MakeLine("Name : ", _name));
     // The null identifier prints the empty text.
-    AppendPiece(result, MakeLine("Identifier : ", _identifier.ToString(formatStatement)));
+    AppendHandleLine(result, "Identifier : ", _identifier.ToString(formatStatement), _identifier.IsEmpty());
     AppendUuidSection(result, "Controllers (", _controllers, formatStatement);
     AppendUuidSection(result, "Skeleton Nodes (", _skeletonNodes, formatStatement);
     AppendStringSection(result, "Skeleton Keywords (", _skeletonKeywords);

@@ -36,7 +36,7 @@ public:
   String ToString(const FormatStatement* formatStatement = nullptr) const override
   {
     String result;
-    AppendPiece(result, MakeLine("Identifier : ", _identifier.ToString(formatStatement)));
+    AppendHandleLine(result, "Identifier : ", _identifier.ToString(formatStatement), _identifier.IsEmpty());
     // The weight always prints in the shortest exact form: the caller's format is not applied.
     // A number never prints empty, so an empty text is a conversion that found no memory: the
     // line is dropped rather than printed without its value.

@@ -103,6 +103,16 @@ inline void AppendPiece(String& result, const Result<String>& piece)
     result = String();
 }
 
+// Appends the line label + text for the text of a handle (Uuid, InternedId), which prints
+// something whenever it holds something: an empty text of a non-empty handle found no memory,
+// and the line is dropped rather than printed without its value.
+inline void AppendHandleLine(String& result, std::string_view label, String text, Bool handleEmpty)
+{
+  if (text.IsEmpty() && !handleEmpty)
+    return;
+  AppendPiece(result, MakeLine(label, std::move(text)));
+}
+
 inline void AppendPiece(String& result, std::string_view text)
 {
   if (result.Append(text).IsError())
