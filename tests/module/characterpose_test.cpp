@@ -7,7 +7,6 @@
 #include "support/oom_sweep.h"
 #include "support/poses.h"
 #include "support/recording_describer.h"
-#include "telvo/characterpose.h"
 
 using namespace telvo;
 using namespace kelvara_test; // poses and sweeps
@@ -23,9 +22,7 @@ constexpr const char* kIdB = "ffffffff-0000-0000-0000-000000000001";
 CharacterNodeTransform Transform(const char* id, double x = 0)
 {
   LoadedModuleForTests();
-  Matrix global;
-  global.off = {x, 0, 0};
-  return MakeTransform(MakeUuid(id), global);
+  return MakeTransform(MakeUuid(id), Matrix{{x, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}});
 }
 
 // What Transform(id, x) prints.
@@ -122,9 +119,8 @@ TEST(CharacterPoseOutOfMemory, CreatingAndSettingLeaveThePoseAsItWasAndTextDrops
     };
     EXPECT_EQ(SweepSharedChange([&] { return MakePose({a, CharacterNodeTransform(), b}); }, set), failingRuns) << count;
   }
-  std::vector<std::string> pieces{"Node Transform :\n", "{"};
-  for (const std::string& piece : Lines(TransformText(kIdA, "1")))
-    pieces.push_back(piece);
+  std::vector<std::string> pieces = Lines(TransformText(kIdA, "1"));
+  pieces.insert(pieces.begin(), {"Node Transform :\n", "{"});
   pieces.insert(pieces.end(), {",", "nullptr", "}"});
   const CharacterPose pose = MakePose({a, CharacterNodeTransform()});
   EXPECT_GT(SweepTextPieces([&] { return pose->ToString(); }, pieces), 10);
