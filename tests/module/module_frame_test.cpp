@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <set>
 #include <sstream>
 
 #include "support/loaded_module.h"
@@ -42,24 +41,17 @@ protected:
 
 TEST_F(ModuleFrameTest, ExportsExactlyTheModuleRecordAndTheYieldDelegate)
 {
-  const std::string command = "nm -D --defined-only '" + kelvara_test::ModulePath() + "'";
-  FILE* pipe = popen(command.c_str(), "r");
+  FILE* pipe = popen(("nm -D --defined-only --format=just-symbols '" + kelvara_test::ModulePath() + "'").c_str(), "r");
   ASSERT_NE(pipe, nullptr);
-  std::set<std::string> defined;
-  char line[1024];
-  while (std::fgets(line, sizeof(line), pipe) != nullptr)
-  {
-    std::istringstream fields(line);
-    std::string address, type, name;
-    if (fields >> address >> type >> name)
-      defined.insert(name);
-  }
-  ASSERT_EQ(pclose(pipe), 0) << command;
-  EXPECT_EQ(defined, (std::set<std::string>{"g_CpuYieldDelegate", "g_telvo"}));
+  std::string symbols;
+  for (int c; (c = std::fgetc(pipe)) != EOF;)
+    symbols += static_cast<char>(c);
+  ASSERT_EQ(pclose(pipe), 0);
+  EXPECT_EQ(Names(symbols), (std::vector<std::string>{"g_CpuYieldDelegate", "g_telvo"}));
 }
 
 // Loads and unloads the module in a fresh process, checks every registration and withdrawal and
-// exits with 1 on any mismatch.
+// exits with 1 after listing the mismatches.
 void LoadCheckAndUnload()
 {
   Registry& registry = Registry::Get();
@@ -71,7 +63,7 @@ void LoadCheckAndUnload()
   const std::vector<RegistryEvent> loaded = registry.GetJournal();
   std::vector<std::string> units = Names(kImplementations, "source/impl/", "_impl");
   units.insert(units.end() - 1, {"generated/hxx/interface_registration", "register"});
-  int failures = 0;
+  std::string failures;
   for (auto [kind, expected] :
        {std::pair{RegistryKind::Unit, units},
         {RegistryKind::Class, Names(kImplementations, "net.telvo.animation.class.")},
@@ -87,20 +79,16 @@ void LoadCheckAndUnload()
                                        "telvo::")},
         {RegistryKind::Dependency, kDependencies}})
   {
-    std::string actual, wanted;
+    std::vector<std::string> actual;
     for (const RegistryEvent& event : loaded)
       if (event.kind == kind && event.registered && event.owner == "net.telvo.kelvara")
-        actual += "\n  " + event.name;
-    for (const std::string& name : expected)
-      wanted += "\n  " + name;
-    if (actual != wanted)
-    {
-      std::fprintf(stderr, "%s registered:%s\nexpected:%s\n", RegistryKindName(kind), actual.c_str(), wanted.c_str());
-      ++failures;
-    }
+        actual.push_back(event.name);
+    if (actual != expected)
+      failures += std::string(RegistryKindName(kind)) + " registered: " + testing::PrintToString(actual) + "\n";
   }
   const std::vector<std::string>* installed = registry.GetDependencies("net.telvo.kelvara");
-  failures += installed == nullptr || *installed != kDependencies;
+  if (installed == nullptr || *installed != kDependencies)
+    failures += "installed dependencies\n";
 
   registry.ClearJournal();
   module->Unload();
@@ -112,13 +100,16 @@ void LoadCheckAndUnload()
   for (const RegistryEvent& event : registry.GetJournal())
     if (event.kind != RegistryKind::Framework)
       actualWithdrawal.emplace_back(event.kind, event.name);
-  failures += actualWithdrawal != expectedWithdrawal;
+  if (actualWithdrawal != expectedWithdrawal)
+    failures += "withdrawal is not the registration in reverse\n";
   for (const std::string& id : Names(kImplementations, "net.telvo.animation.class."))
-    failures += registry.FindClass(id) != nullptr;
-  failures += registry.GetDependencies("net.telvo.kelvara") != nullptr ||
-              registry.GetFrameworkUseCount("net.telvo.kelvara.framework") != 0 ||
-              registry.HasModule("net.telvo.kelvara");
-  std::exit(failures == 0 ? 0 : 1);
+    if (registry.FindClass(id) != nullptr)
+      failures += id + " left behind\n";
+  if (registry.GetDependencies("net.telvo.kelvara") != nullptr ||
+      registry.GetFrameworkUseCount("net.telvo.kelvara.framework") != 0 || registry.HasModule("net.telvo.kelvara"))
+    failures += "module left installed\n";
+  std::fputs(failures.c_str(), stderr);
+  std::exit(failures.empty() ? 0 : 1);
 }
 
 TEST_F(ModuleFrameTest, RegistersInLoadOrderAndWithdrawsInReverse)
