@@ -25,14 +25,6 @@ CharacterNodeTransform Transform(const char* id, double x = 0)
   return MakeTransform(MakeUuid(id), Matrix{{x, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}});
 }
 
-// What Transform(id, x) prints.
-std::string TransformText(std::string_view id, std::string_view offsetX)
-{
-  return "Object ID : " + std::string(id) + "\nObject Name : \nGlobal Matrix :\n((1,0,0),(0,1,0),(0,0,1),(" +
-         std::string(offsetX) + ",0,0))\nParent Global Matrix :\n((1,0,0),(0,1,0),(0,0,1),(0,0,0))\n" +
-         "Pre-Multiply Matrix :\n((1,0,0),(0,1,0),(0,0,1),(0,0,0))\n";
-}
-
 TEST(CharacterPoseLookup, FirstMatchByValueWithoutAllocatingAndEmptyIdsMatchOnlyElementsWithoutOne)
 {
   CharacterNodeTransform first = Transform(kIdA), second = Transform(kIdA), b = Transform(kIdB), none;
@@ -75,7 +67,7 @@ TEST(CharacterPoseArray, SetterCopiesTheArraySharesTheElementsAndCopiesOnWrite)
   ASSERT_TRUE(w->SetNodeTransformArray(pose->GetNodeTransformArray()).IsOk()) << "its own array back: a no-op";
   array = {};
   const std::string sourceText = TextOf(pose);
-  EXPECT_EQ(sourceText, "Node Transform :\n{" + TransformText(kIdA, "1") + "," + TransformText(kIdB, "2") + "}");
+  EXPECT_EQ(sourceText, "Node Transform :\n{" + TextOf(a) + "," + TextOf(b) + "}");
   FormatStatement fs;
   fs.precision = 1;
   EXPECT_NE(TextOf(pose, &fs).find("Global Matrix :\n((1.0,0.0,0.0),(0.0,1.0,0.0),(0.0,0.0,1.0),(1.0,0.0,0.0))\n"),
@@ -86,7 +78,7 @@ TEST(CharacterPoseArray, SetterCopiesTheArraySharesTheElementsAndCopiesOnWrite)
   ASSERT_FALSE(copy.IsSameObject(pose)) << "a shared pose is copied before it is changed";
   EXPECT_EQ(a.GetPointer()->GetReferenceCount(), 3) << "held here, by the pose and by the copy";
   ASSERT_TRUE(cw->SetNodeTransformArray(ArrayOf({b})).IsOk());
-  EXPECT_EQ(TextOf(copy), "Node Transform :\n{" + TransformText(kIdB, "2") + "}");
+  EXPECT_EQ(TextOf(copy), "Node Transform :\n{" + TextOf(b) + "}");
   EXPECT_EQ(TextOf(pose), sourceText);
   ASSERT_TRUE(w->SetNodeTransformArray(BaseArray<CharacterNodeTransform>()).IsOk());
   EXPECT_EQ(TextOf(pose), "Node Transform :\n{}");
@@ -119,7 +111,7 @@ TEST(CharacterPoseOutOfMemory, CreatingAndSettingLeaveThePoseAsItWasAndTextDrops
     };
     EXPECT_EQ(SweepSharedChange([&] { return MakePose({a, CharacterNodeTransform(), b}); }, set), failingRuns) << count;
   }
-  std::vector<std::string> pieces = Lines(TransformText(kIdA, "1"));
+  std::vector<std::string> pieces = Lines(TextOf(a));
   pieces.insert(pieces.begin(), {"Node Transform :\n", "{"});
   pieces.insert(pieces.end(), {",", "nullptr", "}"});
   const CharacterPose pose = MakePose({a, CharacterNodeTransform()});
