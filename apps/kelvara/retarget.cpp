@@ -34,7 +34,7 @@ Matrix JointLocalMatrix(const BvhJoint& joint, const double* row)
   local.off = joint.offset;
   for (std::size_t c = 0; c < joint.channels.size(); ++c)
     if (!IsRotation(joint.channels[c]))
-      Component(local.off, ChannelAxis(joint.channels[c])) = values[c];
+      Component(local.off, ChannelAxis(joint.channels[c])) += values[c];
   return local;
 }
 
@@ -356,11 +356,11 @@ bool ClipRetarget::Run(const BvhFile& sf, BvhFile& output, std::string& error)
       double* values = out + joint.firstChannel;
       ChannelsFromRotation(joint.channels, telvo::Rotation3(local),
                            previous != nullptr ? previous + joint.firstChannel : nullptr, values);
+      // Position channels move the joint from its offset.
+      const Vector moved = local.off - joint.offset;
       for (std::size_t c = 0; c < joint.channels.size(); ++c)
         if (!IsRotation(joint.channels[c]))
-          values[c] = ChannelAxis(joint.channels[c]) == 0 ? local.off.x
-                      : ChannelAxis(joint.channels[c]) == 1 ? local.off.y
-                                                            : local.off.z;
+          values[c] = ChannelAxis(joint.channels[c]) == 0 ? moved.x : ChannelAxis(joint.channels[c]) == 1 ? moved.y : moved.z;
     }
   }
   // Nothing of the last frame stays referenced beyond the job's own objects.

@@ -104,8 +104,8 @@ private:
 // the demo's picture use it to show both results side by side.
 bool RunWithOtherRest(const PreparedRetarget& prepared, const BvhFile& clip, BvhFile& output, std::string& error);
 
-// A BVH joint's local matrix in one frame: the offset with any position channel replacing its
-// component, and the channels' rotation.
+// A BVH joint's local matrix in one frame: the offset moved by any position channels (added to
+// it, as the readers of the format do), and the channels' rotation.
 telvo::Matrix JointLocalMatrix(const BvhJoint& joint, const double* row);
 
 } // namespace kelvara
