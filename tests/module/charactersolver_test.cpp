@@ -3,22 +3,17 @@
 #include <string>
 #include <vector>
 
-#include "support/loaded_module.h"
+#include "support/helper_fixture.h"
 #include "support/oom_sweep.h"
 #include "support/poses.h"
 #include "support/quaternion.h"
 #include "telvo/charactersolver.h"
 
 using namespace telvo;
-using namespace kelvara_test; // quaternion arithmetic, poses
+using namespace kelvara_test; // quaternion arithmetic, poses, node ids
 
 namespace
 {
-
-Uuid MakeId(int n)
-{
-  return TaggedUuid(n, 0x5a);
-}
 
 CharacterSolverConfiguration MakeConfiguration(const CharacterPose& restPose)
 {
@@ -42,7 +37,7 @@ TEST_F(CharacterSolverTest, DeltaIsEachNodesGlobalRotationChangeAndAFailedExtrac
 {
   std::vector<CharacterNodeTransform> rest;
   for (int i = 0; i < 4; ++i)
-    rest.push_back(MakeTransform(MakeId(i), Place(AxisAngle(i, 1, 2 - i, 30.0 * i - 50), {0.5 * i, 1, -0.25}),
+    rest.push_back(MakeTransform(NodeId(i), Place(AxisAngle(i, 1, 2 - i, 30.0 * i - 50), {0.5 * i, 1, -0.25}),
                                  Place(AxisAngle(1, i, 0, 20.0 * i), {0, 1.0 * i, 2})));
   const CharacterPose restPose = MakePose(rest);
   const std::string restText = Text(restPose->ToString());
@@ -55,7 +50,7 @@ TEST_F(CharacterSolverTest, DeltaIsEachNodesGlobalRotationChangeAndAFailedExtrac
     current.clear();
     for (int i = 3; i >= 0; --i)
       current.push_back(
-        MakeTransform(MakeId(i), Place(AxisAngle(1, 1, i, degrees * i), {1.0 * i, 2, 3}) * rest[i]->GetGlobalMatrix(),
+        MakeTransform(NodeId(i), Place(AxisAngle(1, 1, i, degrees * i), {1.0 * i, 2, 3}) * rest[i]->GetGlobalMatrix(),
                       rest[i]->GetParentGlobalMatrix()));
     CharacterPose deltas = Value(_solver->ExtractGlobalDeltaPose(configuration, MakePose(current)));
     ASSERT_EQ(deltas->GetNodeTransformCount(), 4);
@@ -63,7 +58,7 @@ TEST_F(CharacterSolverTest, DeltaIsEachNodesGlobalRotationChangeAndAFailedExtrac
     {
       SCOPED_TRACE(i);
       const CharacterNodeTransform& delta = deltas->GetNodeTransformArray()[i];
-      EXPECT_TRUE(delta->GetUuid() == MakeId(i)) << "the rest pose's order";
+      EXPECT_TRUE(delta->GetUuid() == NodeId(i)) << "the rest pose's order";
       EXPECT_FALSE(delta.IsSameObject(rest[i]));
       EXPECT_EQ(delta->GetParentGlobalMatrix(), rest[i]->GetParentGlobalMatrix());
       EXPECT_LT(AxesDiff(delta->GetGlobalMatrix(), AxisAngle(1, 1, i, degrees * i)), 1e-12);
@@ -89,13 +84,13 @@ TEST_F(CharacterSolverTest, MotionFromTheParentAloneIsRemovedAndSingularOrMissin
   const Quat q = AxisAngle(0, 0, 1, 33), restQ4 = AxisAngle(0, 1, 1, 45);
   const Matrix currentParent = Place(Quat{}, {1, 2, 3}), parent4 = Place(AxisAngle(1, 0, 0, 90), {0, 1, 0});
   const CharacterSolverConfiguration configuration = MakeConfiguration(MakePose(
-    {MakeTransform(MakeId(1), Mul(restParent, local), restParent),
-     MakeTransform(MakeId(2), Place(Quat{}, {9, 9, 9}), singular), MakeTransform(MakeId(3), singular, Matrix{}),
-     MakeTransform(MakeId(4), Place(restQ4, {0, 0, 1}), parent4)}));
+    {MakeTransform(NodeId(1), Mul(restParent, local), restParent),
+     MakeTransform(NodeId(2), Place(Quat{}, {9, 9, 9}), singular), MakeTransform(NodeId(3), singular, Matrix{}),
+     MakeTransform(NodeId(4), Place(restQ4, {0, 0, 1}), parent4)}));
   CharacterPose deltas = Value(_solver->ExtractGlobalDeltaPose(
-    configuration, MakePose({MakeTransform(MakeId(1), Mul(movedParent, local), movedParent),
-                             MakeTransform(MakeId(2), Place(q, {4, 4, 4}), currentParent),
-                             MakeTransform(MakeId(3), Place(q, {4, 4, 4}), Matrix{})})));
+    configuration, MakePose({MakeTransform(NodeId(1), Mul(movedParent, local), movedParent),
+                             MakeTransform(NodeId(2), Place(q, {4, 4, 4}), currentParent),
+                             MakeTransform(NodeId(3), Place(q, {4, 4, 4}), Matrix{})})));
   ASSERT_EQ(deltas->GetNodeTransformCount(), 4);
   // Node 2: Pr^-1 = I, so C = Pc^-1 * Gc. Node 3: rot(Gr)^-1 = I. Node 4: C = Pr, the delta rot(Pr) * rot(Gr)^-1.
   const std::vector<std::pair<Quat, Vector>> expected{{Quat{}, Mul(restParent, local).off},
@@ -111,7 +106,7 @@ TEST_F(CharacterSolverTest, MotionFromTheParentAloneIsRemovedAndSingularOrMissin
 
 TEST_F(CharacterSolverTest, MissingObjectsAreNullPointerErrors)
 {
-  const CharacterPose current = MakePose({MakeTransform(MakeId(1), Matrix{})});
+  const CharacterPose current = MakePose({MakeTransform(NodeId(1), Matrix{})});
   const std::vector<std::pair<CharacterSolverConfiguration, CharacterPose>> cases{
     {CharacterSolverConfiguration(), current},
     {Value(CreateObject<CharacterSolverConfiguration>("net.telvo.animation.class.charactersolverconfiguration")),
@@ -127,9 +122,9 @@ TEST_F(CharacterSolverTest, ApplyRotatesInGlobalSpaceAndReturnsTheLocalMatrix)
   const Quat qg = AxisAngle(1, -1, 2, 70), qd = AxisAngle(0, 1, 0, -35);
   const Matrix parent = Place(AxisAngle(3, 1, 0, 50), {1, -2, 0.5});
   const Vector at = {2, 3, 4}, step = {0.25, -0.5, 1};
-  CharacterNodeTransform node = MakeTransform(MakeId(1), Place(qg, at), parent), none;
-  CharacterNodeTransform translate = MakeTransform(MakeId(2), Place(Quat{}, step));
-  CharacterNodeTransform rotate = MakeTransform(MakeId(3), Place(qd, step));
+  CharacterNodeTransform node = MakeTransform(NodeId(1), Place(qg, at), parent), none;
+  CharacterNodeTransform translate = MakeTransform(NodeId(2), Place(Quat{}, step));
+  CharacterNodeTransform rotate = MakeTransform(NodeId(3), Place(qd, step));
   // The delta rotation comes after the node's own, in global space; its offset moves the node, unrotated, only
   // when asked. A null node or delta reads as identity matrices.
   const std::vector<std::tuple<CharacterNodeTransform, CharacterNodeTransform, bool, Matrix>> cases{
