@@ -6,7 +6,6 @@
 #include "support/loaded_module.h"
 #include "support/oom_sweep.h"
 #include "support/poses.h"
-#include "support/recording_describer.h"
 
 using namespace telvo;
 using namespace kelvara_test; // poses and sweeps
@@ -84,17 +83,6 @@ TEST(CharacterPoseArray, SetterCopiesTheArraySharesTheElementsAndCopiesOnWrite)
   EXPECT_EQ(TextOf(pose), "Node Transform :\n{}");
   EXPECT_EQ(a.GetPointer()->GetReferenceCount(), 1);
   EXPECT_EQ(b.GetPointer()->GetReferenceCount(), 2);
-}
-
-TEST(CharacterPoseClass, DescribesOneArrayMember)
-{
-  CharacterPose pose = MakePose({Transform(kIdA)});
-  RecordingDescriber all;
-  ASSERT_TRUE(DescribeClass(*pose.GetPointer()->GetClass(), all).IsOk());
-  EXPECT_EQ(all.members, (std::vector<DeclaredMember>{
-                           {"NodeTransform", "telvo::CharacterNodeTransform", DESCRIBEFLAGS_ARRAY, true}}));
-  ASSERT_EQ(all.components, std::vector<std::string>{"CharacterPoseImpl"});
-  EXPECT_EQ(all.accesses[0](pose.GetPointer()->FindComponent("CharacterPoseImpl")), &pose->GetNodeTransformArray());
 }
 
 TEST(CharacterPoseOutOfMemory, CreatingAndSettingLeaveThePoseAsItWasAndTextDropsWholePieces)

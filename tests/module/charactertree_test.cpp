@@ -4,7 +4,6 @@
 
 #include "support/helper_fixture.h"
 #include "support/oom_sweep.h"
-#include "support/recording_describer.h"
 
 using namespace telvo;
 using namespace kelvara_test; // character builders
@@ -69,17 +68,6 @@ TEST(CharacterTreeNode, TextIsTheNodeAloneAndItsNameIsTheObserversName)
   const String spine = MakeString("Spine");
   ASSERT_TRUE(observer->SetName(spine).IsOk());
   EXPECT_TRUE(info->GetName().IsSameBuffer(spine));
-}
-
-TEST(CharacterTreeNode, DescribesItsFlagAfterTheNodeInfoMembers)
-{
-  RecordingDescriber whole, own;
-  ASSERT_TRUE(DescribeClass(*Node(1, true)->GetClass(), whole).IsOk());
-  EXPECT_EQ(whole.members, (std::vector<DeclaredMember>{{"_objectID", "Uuid", DESCRIBEFLAGS_NONE, true},
-                                                        {"_objectName", "String", DESCRIBEFLAGS_NONE, true},
-                                                        {"IsTransformNode", "Bool", DESCRIBEFLAGS_NONE, true}}));
-  ASSERT_TRUE(CharacterTreeInterface::DescribeIO(own).IsOk());
-  EXPECT_EQ(own.members, std::vector<DeclaredMember>{whole.members.back()});
 }
 
 TEST(CharacterTreeNode, CopyIsTheWholeSubtreeWithoutTheParent)
