@@ -6,7 +6,6 @@
 #include "support/helper_fixture.h"
 #include "support/oom_sweep.h"
 #include "support/poses.h"
-#include "support/quaternion.h"
 
 using namespace telvo;
 using namespace kelvara_test; // character builders
@@ -21,7 +20,7 @@ CharacterPose PoseOfNodes(std::initializer_list<int> nodes)
 {
   std::vector<CharacterNodeTransform> transforms;
   for (int n : nodes)
-    transforms.push_back(MakeTransform(NodeId(n), Place(Quat{}, {n * 10.0, 0, 0})));
+    transforms.push_back(MakeTransform(NodeId(n), Matrix{{n * 10.0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}));
   return kelvara_test::MakePose(transforms);
 }
 

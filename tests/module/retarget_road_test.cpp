@@ -33,9 +33,9 @@ struct Character
     const auto [rotation, position] = Global(local, i - 1);
     return {rotation * local[i], position + Rotate(rotation, offset[i])};
   }
-  Matrix RestGlobal(int i) const
+  Matrix GlobalMatrix(const Quat (&local)[4], int i) const
   {
-    return i < 0 ? Matrix{} : Place(Global(restLocal, i).first, Global(restLocal, i).second);
+    return i < 0 ? Matrix{} : Place(Global(local, i).first, Global(local, i).second);
   }
 };
 
@@ -65,7 +65,7 @@ CharacterDefinition BuildDefinition(const Character& c, const KelvaraHelperRef& 
   EXPECT_TRUE(helper->FillBodyPart(skeleton, parts).IsOk());
   std::vector<CharacterNodeTransform> rest;
   for (int i = 0; i < 4; ++i)
-    rest.push_back(MakeTransform(NodeId(c.id + i), c.RestGlobal(i), c.RestGlobal(i - 1)));
+    rest.push_back(MakeTransform(NodeId(c.id + i), c.GlobalMatrix(c.restLocal, i), c.GlobalMatrix(c.restLocal, i - 1)));
   CharacterDefinition definition =
     Value(CreateObject<CharacterDefinition>("net.telvo.animation.class.characterdefinition"));
   CharacterDefinitionInterface* writable = definition.MakeWritable().GetValue();
@@ -93,13 +93,13 @@ TEST_F(RetargetRoadTest, TargetJointsFollowTheSourceJointsGlobalRotationChangeKe
   {
     // Every source joint turns about its own axis; the host feeds each joint with its rest parent's matrix.
     Quat local[4];
-    for (int i = 0; i < 4; ++i)
-      local[i] = AxisAngle(i % 2, 1, i, (15.0 + 5 * i) * frame) * kSource.restLocal[i];
     std::vector<CharacterNodeTransform> current;
     for (int i = 0; i < 4; ++i)
-      current.push_back(MakeTransform(NodeId(kSource.id + i),
-                                      Place(kSource.Global(local, i).first, kSource.Global(local, i).second),
-                                      kSource.RestGlobal(i - 1)));
+    {
+      local[i] = AxisAngle(i % 2, 1, i, (15.0 + 5 * i) * frame) * kSource.restLocal[i];
+      current.push_back(MakeTransform(NodeId(kSource.id + i), kSource.GlobalMatrix(local, i),
+                                      kSource.GlobalMatrix(kSource.restLocal, i - 1)));
+    }
     CharacterPose deltas = Value(_helper->TranslateSrcToDestID(
       association, Value(solver->ExtractGlobalDeltaPose(configuration, MakePose(current)))));
 
