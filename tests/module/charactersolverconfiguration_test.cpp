@@ -22,11 +22,6 @@ CharacterDefinition MakeCharacter(const char* name)
   return character;
 }
 
-Int Count(const CharacterDefinition& character)
-{
-  return character.GetStrongRef()->GetReferenceCount();
-}
-
 class CharacterSolverConfigurationTest : public ::testing::Test
 {
 protected:
@@ -68,18 +63,18 @@ TEST_F(CharacterSolverConfigurationTest, SharesItsObjectsAndCopiesOnWrite)
   EXPECT_EQ(Text(), "Source Character : Performer\nTarget Character : Hero\n");
   EXPECT_EQ(_association.GetStrongRef()->GetReferenceCount(), 2);
   ASSERT_TRUE(Writable()->SetSourceCharacter(_source).IsOk());
-  EXPECT_EQ(Count(_source), 2) << "storing the held object again takes no further count";
+  EXPECT_EQ(_source.GetStrongRef()->GetReferenceCount(), 2) << "storing the held object again takes no further count";
   Writable()->SetApplyTranslationFromRoot(true);
 
   CharacterSolverConfiguration copy = _configuration;
   CharacterSolverConfigurationInterface* writableCopy = copy.MakeWritable().GetValue();
   EXPECT_FALSE(copy.IsSameObject(_configuration));
   EXPECT_TRUE(copy->GetApplyTranslationFromRoot());
-  EXPECT_EQ(Count(_target), 3);
+  EXPECT_EQ(_target.GetStrongRef()->GetReferenceCount(), 3);
   writableCopy->SetApplyTranslationFromRoot(false);
   ASSERT_TRUE(writableCopy->SetTargetCharacter(_source).IsOk());
-  EXPECT_EQ(Count(_target), 2) << "replacing releases the old one";
-  EXPECT_EQ(Count(_source), 4);
+  EXPECT_EQ(_target.GetStrongRef()->GetReferenceCount(), 2) << "replacing releases the old one";
+  EXPECT_EQ(_source.GetStrongRef()->GetReferenceCount(), 4);
   EXPECT_TRUE(_configuration->GetApplyTranslationFromRoot());
   EXPECT_TRUE(_configuration->GetTargetCharacter().GetValue().IsSameObject(_target));
 }

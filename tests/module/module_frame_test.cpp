@@ -32,14 +32,7 @@ const std::vector<std::string> kDependencies =
   Names("net.telvo.animation_base_private.framework net.telvo.core.framework net.telvo.math.framework "
         "net.telvo.telvo.framework net.telvo.misc.framework net.telvo.kelvara.framework");
 
-// Death tests re-run the binary, so the child starts without the module loaded.
-class ModuleFrameTest : public ::testing::Test
-{
-protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-TEST_F(ModuleFrameTest, ExportsExactlyTheModuleRecordAndTheYieldDelegate)
+TEST(ModuleFrame, ExportsExactlyTheModuleRecordAndTheYieldDelegate)
 {
   FILE* pipe = popen(("nm -D --defined-only --format=just-symbols '" + kelvara_test::ModulePath() + "'").c_str(), "r");
   ASSERT_NE(pipe, nullptr);
@@ -112,13 +105,16 @@ void LoadCheckAndUnload()
   std::exit(failures.empty() ? 0 : 1);
 }
 
-TEST_F(ModuleFrameTest, RegistersInLoadOrderAndWithdrawsInReverse)
+// Death tests re-run the binary, so the child starts without the module loaded.
+TEST(ModuleFrame, RegistersInLoadOrderAndWithdrawsInReverse)
 {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(LoadCheckAndUnload(), ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(ModuleFrameTest, InstallingTheDependencyListTwiceIsFatal)
+TEST(ModuleFrame, InstallingTheDependencyListTwiceIsFatal)
 {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
     {
       kelvara_test::LoadedModuleForTests();
