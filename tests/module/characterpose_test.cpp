@@ -17,7 +17,6 @@ constexpr const char* kClassId = "net.telvo.animation.class.characterpose";
 constexpr const char* kIdA = "0123abcd-4567-89ef-0a1b-2c3d4e5f6a7b";
 constexpr const char* kIdB = "ffffffff-0000-0000-0000-000000000001";
 
-// A transform with global offset (x,0,0) and identities elsewhere.
 CharacterNodeTransform Transform(const char* id, double x = 0)
 {
   LoadedModuleForTests();

@@ -66,7 +66,6 @@ TEST_F(CharacterSolverTest, DeltaIsEachNodesGlobalRotationChangeAndAFailedExtrac
     }
   }
   EXPECT_EQ(Text(restPose->ToString()), restText);
-  // A failing extraction leaves both poses as they were.
   const CharacterPose currentPose = MakePose(current);
   EXPECT_GT(SweepOutOfMemory([] { return 0; },
                              [&](int) { return _solver->ExtractGlobalDeltaPose(configuration, currentPose); },
@@ -76,8 +75,7 @@ TEST_F(CharacterSolverTest, DeltaIsEachNodesGlobalRotationChangeAndAFailedExtrac
 
 TEST_F(CharacterSolverTest, MotionFromTheParentAloneIsRemovedAndSingularOrMissingMatricesReadAsIdentity)
 {
-  // Node 1 is carried rigidly by its moving parent; node 2 has a singular rest parent, node 3 a singular rest
-  // global; node 4 is absent from the current pose.
+  // Node 1 moves only with its parent; nodes 2 and 3 have singular rest matrices; node 4 is not in the current pose.
   const Matrix restParent = Place(AxisAngle(0, 1, 0, 20), {1, 2, 3}), local = Place(AxisAngle(1, 0, 0, 65), {0, 1, 0});
   const Matrix movedParent = Place(AxisAngle(1, 2, 0, -80), {4, -1, 2});
   const Matrix singular{{5, 0, 0}, {}, {}, {}};
@@ -125,8 +123,7 @@ TEST_F(CharacterSolverTest, ApplyRotatesInGlobalSpaceAndReturnsTheLocalMatrix)
   CharacterNodeTransform node = MakeTransform(NodeId(1), Place(qg, at), parent), none;
   CharacterNodeTransform translate = MakeTransform(NodeId(2), Place(Quat{}, step));
   CharacterNodeTransform rotate = MakeTransform(NodeId(3), Place(qd, step));
-  // The delta rotation comes after the node's own, in global space; its offset moves the node, unrotated, only
-  // when asked. A null node or delta reads as identity matrices.
+  // The delta turns the node in global space, its offset moves it only when asked; null reads as identity.
   const std::vector<std::tuple<CharacterNodeTransform, CharacterNodeTransform, bool, Matrix>> cases{
     {node, none, false, Place(qg, at)},        {node, translate, true, Place(qg, at + step)},
     {node, rotate, false, Place(qd * qg, at)}, {node, rotate, true, Place(qd * qg, at + step)},

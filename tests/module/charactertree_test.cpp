@@ -24,7 +24,6 @@ Int Count(const CharacterTreeRef& tree, Bool onlyTransformNodes)
   return Value(tree->GetHiearchyCount(onlyTransformNodes));
 }
 
-// The whole subtree as text: each node's own text, indented by depth.
 std::string Dump(const CharacterTreeRef& root)
 {
   std::string dump;

@@ -64,8 +64,7 @@ TEST_F(KelvaraHelperTest, FirstNodeInPreOrderWinsDiscardKeywordsWinAndEverySkele
   CharacterTreeRef skeleton = MakeNode(1, "Hips",
                                        {MakeNode(2, "LeftArmRoll", {MakeNode(3, "LeftArm", {MakeNode(4, "LeftHand")})}),
                                         MakeNode(5, "LeftArm2"), MakeNode(6, "RightUpLeg")});
-  // The rejected node's descendants are still searched; the skeleton's order decides, not the keywords'; a node
-  // matching both a keyword and a discard keyword is never taken; the root has no keywords.
+  // Pre-order decides, not the keywords; a rejected node's children are still searched; discard keywords win.
   std::vector<CharacterBodyPartRef> parts{MakeBodyPart("LeftArm", {"left&&arm"}, {"roll"}, {9}),
                                           MakeBodyPart("Arm", {"hand", "arm"}),
                                           MakeBodyPart("Hand", {"hand"}, {"left"}, {8}),
@@ -83,7 +82,6 @@ TEST_F(KelvaraHelperTest, FirstNodeInPreOrderWinsDiscardKeywordsWinAndEverySkele
   ExpectError(_helper->FillBodyPart(skeleton, CharacterBodyPartRef()), NullptrError);
   EXPECT_TRUE(_helper->FillBodyPart(CharacterTreeRef(), MakeBodyPart("Root")).IsOk());
   ExpectError(_helper->FillBodyPart(CharacterTreeRef(), MakeBodyPart("Root", {"hips"})), NullptrError);
-  // A failing fill leaves the body part's skeleton as it was.
   auto makeArm = [] { return MakeBodyPart("Arm", {"left&&arm", "arm"}, {"roll"}, {9}); };
   EXPECT_GT(SweepOutOfMemory(
               makeArm, [&](CharacterBodyPartRef& arm) { return _helper->FillBodyPart(skeleton, arm); },

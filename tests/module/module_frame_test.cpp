@@ -1,5 +1,4 @@
-// The module as a real shared object loaded by the real loader: its exports, what it announces,
-// in which order, and how it is withdrawn.
+// The module as the real loader loads it: its exports, what it announces in which order, and its withdrawal.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -43,8 +42,7 @@ TEST(ModuleFrame, ExportsExactlyTheModuleRecordAndTheYieldDelegate)
   EXPECT_EQ(Names(symbols), (std::vector<std::string>{"g_CpuYieldDelegate", "g_telvo"}));
 }
 
-// Loads and unloads the module in a fresh process, checks every registration and withdrawal and
-// exits with 1 after listing the mismatches.
+// Loads and unloads the module in a fresh process; lists every mismatch and exits with 1 if there is one.
 void LoadCheckAndUnload()
 {
   Registry& registry = Registry::Get();

@@ -1,6 +1,5 @@
-// The retargeting road end to end as the host drives it: two characters with different names, bone lengths and
-// rest orientations; body parts filled by keywords and associated; then per frame extract, translate and apply
-// down the target chain. The expected rotations are worked out with quaternions, apart from the matrix code.
+// The retargeting road as the host drives it, between characters with different names, bone lengths and rest
+// orientations. The expected rotations are worked out with quaternions, apart from the matrix code.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -103,8 +102,7 @@ TEST_F(RetargetRoadTest, TargetJointsFollowTheSourceJointsGlobalRotationChangeKe
     CharacterPose deltas = Value(_helper->TranslateSrcToDestID(
       association, Value(solver->ExtractGlobalDeltaPose(configuration, MakePose(current)))));
 
-    // Down the target chain, parents first: each joint at its rest global rotation, placed under its parent's
-    // new matrix. Its new global rotation must be the source joint's global rotation change applied to its rest.
+    // Down the target chain: each joint at its rest global rotation, placed under its parent's new matrix.
     Matrix parent;
     for (int i = 0; i < 4; ++i)
     {
