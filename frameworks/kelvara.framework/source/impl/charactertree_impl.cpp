@@ -46,7 +46,8 @@ public:
     String result;
     if (const CharacterNodeInfoPart* info = FindNodeInfoPart(this))
       AppendPiece(result, Result<String>(info->ToString(formatStatement)));
-    AppendPiece(result, MakeLine("Is Transform Node : ", String::BoolToString(_isTransformNode)));
+    // A flag always prints: an empty text found no memory, and its line is dropped.
+    AppendHandleLine(result, "Is Transform Node : ", String::BoolToString(_isTransformNode), false);
     return result;
   }
 

@@ -103,12 +103,12 @@ inline void AppendPiece(String& result, const Result<String>& piece)
     result = String();
 }
 
-// Appends the line label + text for the text of a handle (Uuid, InternedId), which prints
-// something whenever it holds something: an empty text of a non-empty handle found no memory,
-// and the line is dropped rather than printed without its value.
-inline void AppendHandleLine(String& result, std::string_view label, String text, Bool handleEmpty)
+// Appends the line label + text for the text of a value (Uuid, InternedId, Bool) that prints
+// something whenever it holds something: an empty text of a non-empty value found no memory, and
+// the line is dropped rather than printed without its value.
+inline void AppendHandleLine(String& result, std::string_view label, String text, Bool valueEmpty)
 {
-  if (text.IsEmpty() && !handleEmpty)
+  if (text.IsEmpty() && !valueEmpty)
     return;
   AppendPiece(result, MakeLine(label, std::move(text)));
 }
