@@ -11,8 +11,6 @@ namespace
 {
 constexpr const char* kUnitName = "telvo/uuid";
 
-constexpr Uuid::Bytes kZeroBytes{};
-
 // Offsets of the dashes in the canonical text.
 constexpr Bool IsDashPosition(std::size_t i)
 {
@@ -31,23 +29,17 @@ Int HexValue(char c)
 }
 } // namespace
 
-struct Uuid::Block
+Uuid::Block* Uuid::Block::Allocate(const Bytes& bytes)
 {
-  std::atomic<Int> refs;
-  Bytes bytes;
+  void* mem = Allocator::Alloc(sizeof(Block));
+  return mem == nullptr ? nullptr : new (mem) Block{{1}, bytes};
+}
 
-  static Block* Allocate(const Bytes& bytes)
-  {
-    void* mem = Allocator::Alloc(sizeof(Block));
-    return mem == nullptr ? nullptr : new (mem) Block{{1}, bytes};
-  }
-
-  static void Release(Block* b)
-  {
-    if (b != nullptr && b->refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
-      DeleteObj(b);
-  }
-};
+void Uuid::Block::Release(Block* b)
+{
+  if (b != nullptr && b->refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
+    DeleteObj(b);
+}
 
 Uuid::Uuid(const Uuid& other) noexcept : _block(other._block)
 {
@@ -114,11 +106,6 @@ Result<Uuid> Uuid::FromString(std::string_view text)
 Bool Uuid::IsValid() const
 {
   return _block != nullptr && _block->bytes != kZeroBytes;
-}
-
-const Uuid::Bytes& Uuid::GetBytes() const
-{
-  return _block == nullptr ? kZeroBytes : _block->bytes;
 }
 
 Int Uuid::GetReferenceCount() const

@@ -10,6 +10,8 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "telvo/errorbase.h"
@@ -37,15 +39,26 @@ public:
   Bool IsNull() const { return _block == nullptr; }
   // Non-null and not all zero.
   Bool IsValid() const;
-  // All zero for a null handle.
-  const Bytes& GetBytes() const;
+  // All zero for a null handle. Inline: pose lookups compare ids linearly on every frame.
+  const Bytes& GetBytes() const { return _block == nullptr ? kZeroBytes : _block->bytes; }
   // 0 for a null handle.
   Int GetReferenceCount() const;
   Bool IsSameObject(const Uuid& other) const { return _block == other._block; }
 
   // The same object compares 0 without looking at bytes; a null handle counts as all zero.
   Int Compare(const Uuid& other) const;
-  friend Bool operator==(const Uuid& a, const Uuid& b) { return a.Compare(b) == 0; }
+  // The same answer as Compare(...) == 0, inline for the lookups of every frame.
+  friend Bool operator==(const Uuid& a, const Uuid& b)
+  {
+    if (a._block == b._block)
+      return true;
+    // Two word compares instead of a call to memcmp.
+    std::uint64_t x[2];
+    std::uint64_t y[2];
+    std::memcpy(x, a.GetBytes().data(), 16);
+    std::memcpy(y, b.GetBytes().data(), 16);
+    return x[0] == y[0] && x[1] == y[1];
+  }
   UInt GetHash() const;
 
   // Gives this handle a block of its own (a new all-zero one when null); on failure no change.
@@ -56,7 +69,14 @@ public:
   String ToString(const FormatStatement* fs = nullptr) const;
 
 private:
-  struct Block;
+  struct Block
+  {
+    std::atomic<Int> refs;
+    Bytes bytes;
+    static Block* Allocate(const Bytes& bytes);
+    static void Release(Block* b);
+  };
+  static constexpr Bytes kZeroBytes{};
   explicit Uuid(Block* block) : _block(block) {}
 
   Block* _block = nullptr;
