@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/oom_sweep.h"
@@ -59,6 +60,27 @@ TEST(InternedIdRules, NullAndDetachedIdsAndFailedInterning)
   Allocator::FailNthAllocation(1);
   EXPECT_TRUE(InternedId::Intern("test.arm").IsOk()); // found without allocating
   Allocator::FailNthAllocation(0);
+}
+
+// Threads interning and dropping the same few texts at once: an entry must never be handed out
+// while its last handle is removing it, and the table ends empty of them.
+TEST(InternedIdTable, ConcurrentInterningAndReleasing)
+{
+  const Int entries = InternedId::GetTableCount();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([t] {
+      for (int i = 0; i < 20000; ++i)
+      {
+        const std::string text = "test.race" + std::to_string((i + t) % 4);
+        const InternedId a = Id(text);
+        const InternedId b = Id(text);
+        ASSERT_TRUE(a == b && std::string(a.ToString().View()) == text) << text;
+      }
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(InternedId::GetTableCount(), entries);
 }
 
 } // namespace
