@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "atomic_file.h"
+#include "match_rest.h"
 #include "skeleton_pose.h"
 
 namespace kelvara
@@ -20,14 +21,7 @@ using json = nlohmann::ordered_json;
 using telvo::Matrix;
 using telvo::Vector;
 
-constexpr double kPi = 3.14159265358979323846;
 constexpr double kTinyLength = 1e-9;
-
-double AngleDegrees(const Vector& a, const Vector& b)
-{
-  const double c = std::clamp(telvo::Dot(a, b) / (telvo::Length(a) * telvo::Length(b)), -1.0, 1.0);
-  return std::acos(c) * 180.0 / kPi;
-}
 
 std::string JointName(const BvhFile& file, int joint)
 {
