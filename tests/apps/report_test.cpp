@@ -282,5 +282,16 @@ TEST_F(ReportMatchRestTest, EveryBoneShowsBothRunsInSingleAndBatchReports)
   EXPECT_EQ(matched["meanBoneAngleDegrees"], means);
 }
 
+// Before a run, inspect tells whether the rest poses differ enough to ask for matching.
+TEST_F(ReportMatchRestTest, InspectAgainstAdvisesMatchingOnlyWhereTheRestsDiffer)
+{
+  const kelvara_test::AppOutcome differ = Kelvara("inspect walk.bvh --against target.bvh");
+  ASSERT_EQ(differ.status, 0) << differ.err;
+  EXPECT_NE(differ.out.find("removes: 45 degrees (upperarm_l -> lowerarm_l): --match-rest is advised"),
+            std::string::npos)
+    << differ.out;
+  EXPECT_NE(Kelvara("inspect walk.bvh --against walk.bvh").out.find("--match-rest is not needed"), std::string::npos);
+}
+
 } // namespace
 } // namespace kelvara
