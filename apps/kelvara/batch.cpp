@@ -51,15 +51,7 @@ public:
 
   bool BuildTarget(std::string& error)
   {
-    telvo::Result<telvo::KelvaraHelperRef> helper =
-      telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-    if (helper.IsError())
-    {
-      error = "cannot make the helper: " + ErrorText(helper.GetError());
-      return false;
-    }
-    _helper = helper.GetValue();
-    return BuildCharacter(*_settings.target, "target", _target, error) &&
+    return MakeHelper(_helper, error) && BuildCharacter(*_settings.target, "target", _target, error) &&
            ChooseAndFillPreset(_target, _helper, _settings.targetPreset, error);
   }
 

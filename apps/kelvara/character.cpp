@@ -166,6 +166,16 @@ bool PutSidesRight(Character& c, std::string& error)
 
 } // namespace
 
+bool MakeHelper(telvo::KelvaraHelperRef& helper, std::string& error)
+{
+  telvo::Result<telvo::KelvaraHelperRef> made =
+    telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
+  if (!Check(made, "cannot make the helper", error))
+    return false;
+  helper = made.GetValue();
+  return true;
+}
+
 std::string ErrorText(const telvo::Error& error)
 {
   if (!error.IsSet())

@@ -99,4 +99,7 @@ bool Check(const R& result, const char* what, std::string& error)
   return false;
 }
 
+// The module's helper; false with "cannot make the helper: why" when the module cannot make it.
+bool MakeHelper(telvo::KelvaraHelperRef& helper, std::string& error);
+
 } // namespace kelvara

@@ -26,12 +26,11 @@ int RunCharacterCommand(const std::string& bvhPath, const std::string& outPath, 
   {
     // Every module object is released before the module unloads.
     Character character;
-    telvo::Result<telvo::KelvaraHelperRef> helper =
-      telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-    if (helper.IsError() || !BuildCharacter(file, "saved", character, error) ||
-        !ChooseAndFillPreset(character, helper.GetValue(), preset, error))
+    telvo::KelvaraHelperRef helper;
+    if (!MakeHelper(helper, error) || !BuildCharacter(file, "saved", character, error) ||
+        !ChooseAndFillPreset(character, helper, preset, error))
     {
-      std::fprintf(stderr, "kelvara: %s\n", helper.IsError() ? ErrorText(helper.GetError()).c_str() : error.c_str());
+      std::fprintf(stderr, "kelvara: %s\n", error.c_str());
       status = error.find("preset") != std::string::npos ? 2 : 1;
     }
     else if (!SaveCharacter(character, outPath, error))

@@ -86,15 +86,14 @@ int CompareRest(Character& source, const BvhFile& against, const telvo::KelvaraH
 int Inspect(const BvhFile& file, const std::string& preset, const BvhFile* against)
 {
   std::string error;
-  telvo::Result<telvo::KelvaraHelperRef> helper =
-    telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-  if (helper.IsError())
+  telvo::KelvaraHelperRef helper;
+  if (!MakeHelper(helper, error))
   {
-    std::fprintf(stderr, "kelvara: cannot make the helper: %s\n", ErrorText(helper.GetError()).c_str());
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
   }
   Character c;
-  if (!BuildCharacter(file, "source", c, error) || !ChooseAndFillPreset(c, helper.GetValue(), preset, error))
+  if (!BuildCharacter(file, "source", c, error) || !ChooseAndFillPreset(c, helper, preset, error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
@@ -134,7 +133,7 @@ int Inspect(const BvhFile& file, const std::string& preset, const BvhFile* again
                 c.orientation.left.z, HipHeight(c));
   for (const std::string& note : c.notes)
     std::printf("note: %s\n", note.c_str());
-  return against != nullptr ? CompareRest(c, *against, helper.GetValue(), preset) : 0;
+  return against != nullptr ? CompareRest(c, *against, helper, preset) : 0;
 }
 
 } // namespace

@@ -22,24 +22,20 @@ bool PairJointsLikeRetarget(const BvhFile& source, const BvhFile& target, const 
   std::vector<JointPair> mapPairs;
   if (!options.mapPath.empty() && !ReadJointMap(options.mapPath, source, target, mapPairs, error))
     return false;
-  telvo::Result<telvo::KelvaraHelperRef> helper =
-    telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-  if (helper.IsError())
-  {
-    error = "cannot make the helper: " + ErrorText(helper.GetError());
+  telvo::KelvaraHelperRef helper;
+  if (!MakeHelper(helper, error))
     return false;
-  }
   Character sourceCharacter;
   Character targetCharacter;
   if (!BuildCharacter(source, "source", sourceCharacter, error) ||
-      !ChooseAndFillPreset(sourceCharacter, helper.GetValue(), options.preset, error) ||
+      !ChooseAndFillPreset(sourceCharacter, helper, options.preset, error) ||
       !BuildCharacter(target, "target", targetCharacter, error) ||
-      !ChooseAndFillPreset(targetCharacter, helper.GetValue(), options.preset, error))
+      !ChooseAndFillPreset(targetCharacter, helper, options.preset, error))
     return false;
   PreparedRetarget prepared;
   prepared.source = &sourceCharacter;
   prepared.target = &targetCharacter;
-  prepared.helper = helper.GetValue();
+  prepared.helper = helper;
   prepared.mapPairs = mapPairs;
   if (!prepared.Prepare(error))
     return false;

@@ -65,11 +65,10 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
           BvhFile* otherRest)
 {
   std::string error;
-  telvo::Result<telvo::KelvaraHelperRef> helper =
-    telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
-  if (helper.IsError())
+  telvo::KelvaraHelperRef helper;
+  if (!MakeHelper(helper, error))
   {
-    std::fprintf(stderr, "kelvara: cannot make the helper: %s\n", ErrorText(helper.GetError()).c_str());
+    std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
   }
   Character sourceCharacter;
@@ -97,7 +96,7 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
     sourceCharacter.file = &source;
   }
   else if (!BuildCharacter(source, "source", sourceCharacter, error) ||
-           !ChooseAndFillPreset(sourceCharacter, helper.GetValue(), sourcePreset, error))
+           !ChooseAndFillPreset(sourceCharacter, helper, sourcePreset, error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
@@ -114,7 +113,7 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
     }
   }
   else if (!BuildCharacter(target, "target", targetCharacter, error) ||
-           !ChooseAndFillPreset(targetCharacter, helper.GetValue(), targetPreset, error))
+           !ChooseAndFillPreset(targetCharacter, helper, targetPreset, error))
   {
     std::fprintf(stderr, "kelvara: %s\n", error.c_str());
     return 1;
@@ -132,7 +131,7 @@ int Solve(const BvhFile& source, const BvhFile& target, const RetargetOptions& o
   RetargetJob job;
   job.source = &sourceCharacter;
   job.target = &targetCharacter;
-  job.helper = helper.GetValue();
+  job.helper = helper;
   job.mapPairs = mapPairs;
   job.rootScale = rootScale;
   job.rootMotion = !options.noRootMotion;
