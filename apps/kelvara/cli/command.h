@@ -1,0 +1,59 @@
+// The kelvara command line: one Command per subcommand, each registering its own options.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "road/setup.h"
+#include "telvo/loader.h"
+
+namespace kelvara
+{
+
+// Exit status of every command.
+enum class ExitCode : int
+{
+  kOk = 0,
+  kFailure = 1,  // the work failed (memory, a full disk, the module)
+  kBadInput = 2, // usage, unreadable or malformed files; nothing is written then
+};
+
+class Command
+{
+public:
+  virtual ~Command() = default;
+  // Adds the subcommand and its options to app; returns the subcommand.
+  virtual CLI::App* Register(CLI::App& app) = 0;
+  // Runs it after the command line was parsed into the options.
+  virtual ExitCode Run() = 0;
+};
+
+std::unique_ptr<Command> MakeRetargetCommand();
+std::unique_ptr<Command> MakeInspectCommand();
+std::unique_ptr<Command> MakePreviewCommand();
+std::unique_ptr<Command> MakeCharacterCommand();
+std::unique_ptr<Command> MakeDemoCommand();
+std::unique_ptr<Command> MakeModulesCommand();
+
+// The module file built beside the executable (or named by $KELVARA_MODULE).
+std::string DefaultModulePath();
+// Loads that module for a command; nullptr after saying why on stderr.
+std::unique_ptr<telvo::LoadedModule> LoadModuleOrSayWhy();
+
+// "kelvara: message" on stderr, and the exit code for it.
+ExitCode Report(const Problem& problem);
+ExitCode Report(ExitCode code, const std::string& message);
+// "kelvara: warning: ..." for each.
+void PrintWarnings(const std::vector<std::string>& warnings);
+
+// Options that several commands take, added to a subcommand in one place so that they read
+// alike everywhere.
+void AddPresetOption(CLI::App& command, std::string& preset, const char* whose);
+void AddSkeletonRootOption(CLI::App& command, std::string& root, const char* name, const char* whose);
+void AddAnimationOption(CLI::App& command, std::string& animation);
+extern const char* const kMatchRestHelp;
+
+} // namespace kelvara

@@ -1,0 +1,198 @@
+#include "io/bvh/bvh_model.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "io/bvh/euler.h"
+
+namespace kelvara
+{
+
+namespace
+{
+
+using telvo::Matrix;
+using telvo::Vector;
+
+double& Component(Vector& v, int axis)
+{
+  return axis == 0 ? v.x : (axis == 1 ? v.y : v.z);
+}
+
+double Component(const Vector& v, int axis)
+{
+  return axis == 0 ? v.x : (axis == 1 ? v.y : v.z);
+}
+
+bool HasPositions(const std::vector<Channel>& channels)
+{
+  return std::any_of(channels.begin(), channels.end(), [](Channel c) { return !IsRotation(c); });
+}
+
+Vector Scaled(const Vector& v, const Vector& s)
+{
+  return {v.x * s.x, v.y * s.y, v.z * s.z};
+}
+
+// A name BVH can hold: one word, not a keyword.
+std::string BvhName(const std::string& name, std::size_t joint)
+{
+  std::string word;
+  for (char c : name)
+    word += std::isspace(static_cast<unsigned char>(c)) ? '_' : c;
+  if (word.empty())
+    return "joint" + std::to_string(joint);
+  static const char* const kKeywords[] = {"{", "}", "ROOT", "JOINT", "End", "OFFSET", "CHANNELS", "MOTION"};
+  for (const char* keyword : kKeywords)
+    if (word == keyword)
+      return word + "_";
+  return word;
+}
+
+} // namespace
+
+void BvhToSkeleton(const BvhFile& file, Skeleton& skeleton, BvhLayout& layout)
+{
+  skeleton = Skeleton();
+  skeleton.path = file.path;
+  layout.channels.clear();
+  skeleton.joints.reserve(file.joints.size());
+  layout.channels.reserve(file.joints.size());
+  for (const BvhJoint& bj : file.joints)
+  {
+    Joint joint;
+    joint.name = bj.name;
+    joint.parent = bj.parent;
+    joint.translation = bj.offset;
+    joint.hasEndSite = bj.hasEndSite;
+    joint.endSite = bj.endSiteOffset;
+    joint.line = bj.line;
+    skeleton.joints.push_back(std::move(joint));
+    layout.channels.push_back(bj.channels);
+  }
+}
+
+void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip)
+{
+  clip = Clip();
+  clip.frameCount = file.frameCount;
+  clip.frameTime = file.frameTime;
+  const std::size_t n = file.joints.size();
+  clip.jointCount = static_cast<int>(n);
+  const std::size_t frames = static_cast<std::size_t>(file.frameCount);
+  clip.rotations.resize(frames * n);
+  clip.rootTranslation.resize(frames);
+  bool moving = false;
+  for (std::size_t j = 1; j < n; ++j)
+    moving = moving || HasPositions(file.joints[j].channels);
+  if (moving)
+    clip.translations.resize(frames * n);
+  for (std::size_t f = 0; f < frames; ++f)
+  {
+    const double* row = file.motion.data() + f * static_cast<std::size_t>(file.channelCount);
+    for (std::size_t j = 0; j < n; ++j)
+    {
+      const BvhJoint& joint = file.joints[j];
+      const double* values = row + joint.firstChannel;
+      clip.rotations[f * n + j] = FromMatrix(RotationFromChannels(joint.channels, values));
+      // Position channels move the joint from its offset, as the format's readers take them.
+      Vector t = skeleton.joints[j].translation;
+      for (std::size_t c = 0; c < joint.channels.size(); ++c)
+        if (!IsRotation(joint.channels[c]))
+          Component(t, ChannelAxis(joint.channels[c])) += values[c];
+      if (j == 0)
+        clip.rootTranslation[f] = t;
+      if (moving)
+        clip.translations[f * n + j] = t;
+    }
+  }
+}
+
+BvhLayout DefaultBvhLayout(const Skeleton& skeleton, bool moving)
+{
+  BvhLayout layout;
+  const std::vector<Channel> rotations = {Channel::Zrotation, Channel::Yrotation, Channel::Xrotation};
+  const std::vector<Channel> all = {Channel::Xposition, Channel::Yposition, Channel::Zposition,
+                                    Channel::Zrotation, Channel::Yrotation, Channel::Xrotation};
+  for (const Joint& joint : skeleton.joints)
+    layout.channels.push_back(joint.parent < 0 || moving ? all : rotations);
+  return layout;
+}
+
+bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& clip, BvhFile& out, std::string& error)
+{
+  const std::size_t n = skeleton.joints.size();
+  const BvhLayout layout = given != nullptr ? *given : DefaultBvhLayout(skeleton, !clip.translations.empty());
+  if (layout.channels.size() != n)
+  {
+    error = skeleton.path + ": expected channels for " + std::to_string(n) + " joints, found " +
+            std::to_string(layout.channels.size());
+    return false;
+  }
+  if (!ValidateClip(clip, skeleton, error))
+    return false;
+
+  // Each joint's accumulated scale, so that offsets carry the scales above them (BVH has none).
+  const Matrix scene = RigidSceneTransform(skeleton);
+  const Quaternion sceneRotation = FromMatrix(scene);
+  const Vector sceneScale{telvo::Length(skeleton.sceneTransform.v1), telvo::Length(skeleton.sceneTransform.v2),
+                          telvo::Length(skeleton.sceneTransform.v3)};
+  std::vector<Vector> parentScale(n, sceneScale);
+  std::vector<Vector> scale(n);
+  auto isRoot = [&](std::size_t j) { return skeleton.joints[j].parent < 0; };
+  // A root's translation in the world, the others' stretched by their ancestors' scales.
+  auto flatTranslation = [&](std::size_t j, const Vector& t) {
+    const Vector stretched = Scaled(t, parentScale[j]);
+    return isRoot(j) ? telvo::TransformPoint(scene, stretched) : stretched;
+  };
+
+  out = BvhFile();
+  out.path = skeleton.path;
+  out.frameCount = clip.frameCount;
+  out.frameTime = clip.frameTime;
+  int channelTotal = 0;
+  for (std::size_t j = 0; j < n; ++j)
+  {
+    const Joint& joint = skeleton.joints[j];
+    if (!isRoot(j))
+      parentScale[j] = scale[static_cast<std::size_t>(joint.parent)];
+    scale[j] = Scaled(parentScale[j], joint.scale);
+    BvhJoint bj;
+    bj.name = BvhName(joint.name, j);
+    bj.parent = joint.parent;
+    bj.offset = flatTranslation(j, joint.translation);
+    bj.hasEndSite = joint.hasEndSite;
+    bj.endSiteOffset = Scaled(joint.endSite, scale[j]);
+    bj.channels = layout.channels[j];
+    bj.firstChannel = channelTotal;
+    bj.line = joint.line;
+    channelTotal += static_cast<int>(bj.channels.size());
+    out.joints.push_back(std::move(bj));
+  }
+  out.channelCount = channelTotal;
+  out.motion.assign(static_cast<std::size_t>(clip.frameCount) * static_cast<std::size_t>(channelTotal), 0.0);
+  for (int f = 0; f < clip.frameCount; ++f)
+  {
+    double* row = out.motion.data() + static_cast<std::size_t>(f) * static_cast<std::size_t>(channelTotal);
+    const double* previous = f > 0 ? row - channelTotal : nullptr;
+    const Quaternion* rotations = clip.FrameRotations(f);
+    for (std::size_t j = 0; j < n; ++j)
+    {
+      const BvhJoint& bj = out.joints[j];
+      double* values = row + bj.firstChannel;
+      const Quaternion rotation = isRoot(j) ? sceneRotation * rotations[j] : rotations[j];
+      ChannelsFromRotation(bj.channels, ToMatrix(rotation), previous != nullptr ? previous + bj.firstChannel : nullptr,
+                           values);
+      if (!HasPositions(bj.channels))
+        continue;
+      // Position channels move the joint from its offset.
+      const Vector moved = flatTranslation(j, clip.Translation(skeleton, f, static_cast<int>(j))) - bj.offset;
+      for (std::size_t c = 0; c < bj.channels.size(); ++c)
+        if (!IsRotation(bj.channels[c]))
+          values[c] = Component(moved, ChannelAxis(bj.channels[c]));
+    }
+  }
+  return true;
+}
+
+} // namespace kelvara

@@ -1,6 +1,0 @@
-#include "commands.h"
-
-int main(int argc, char** argv)
-{
-  return kelvara::RunCommandLine(argc, argv);
-}

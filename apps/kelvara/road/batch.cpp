@@ -1,0 +1,225 @@
+#include "road/batch.h"
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <new>
+#include <set>
+#include <thread>
+
+#include "road/clip_run.h"
+
+namespace kelvara
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start)
+{
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Progress and clip failures on the log stream: one updating line on a terminal, a line per
+// clip otherwise.
+class Progress
+{
+public:
+  Progress(const BatchSettings& settings, std::mutex& mutex)
+    : _out(settings.progress), _terminal(settings.terminal), _total(static_cast<int>(settings.sources.size())),
+      _mutex(mutex), _start(Clock::now())
+  {
+  }
+
+  void ClipDone(const ClipReport& r, int status, double seconds)
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    ++_done;
+    if (status == 0)
+      _frames += r.frames;
+    const char* clear = _terminal ? "\r\033[K" : "";
+    if (status != 0)
+      std::fprintf(_out, "%skelvara: %s\n", clear, r.error.c_str());
+    else if (!_terminal)
+      std::fprintf(_out, "kelvara: [%d/%d] %s -> %s: %d frames in %.2f s\n", _done, _total, r.source.c_str(),
+                   r.output.c_str(), r.frames, seconds);
+    if (_terminal)
+    {
+      const double elapsed = SecondsSince(_start);
+      const double left = elapsed / _done * (_total - _done);
+      std::fprintf(_out, "\r\033[K%d/%d clips, %.0f frames/s, %d:%02d left", _done, _total,
+                   elapsed > 0.0 ? static_cast<double>(_frames) / elapsed : 0.0, static_cast<int>(left) / 60,
+                   static_cast<int>(left) % 60);
+    }
+    std::fflush(_out);
+  }
+
+  void Finish()
+  {
+    if (_terminal && _done > 0)
+      std::fprintf(_out, "\n");
+  }
+
+private:
+  std::FILE* _out;
+  bool _terminal;
+  int _total;
+  std::mutex& _mutex;
+  Clock::time_point _start;
+  int _done = 0;
+  long _frames = 0;
+};
+
+// A message that names the clip: the reader's messages already start with its path.
+std::string AboutClip(const std::string& path, const std::string& error)
+{
+  return error.compare(0, path.size(), path) == 0 ? error : path + ": " + error;
+}
+
+// Side warnings (left and right swapped) once per source skeleton, not once per clip.
+class SideWarningsOnce
+{
+public:
+  SideWarningsOnce(const BatchSettings& settings, std::mutex& mutex) : _settings(settings), _mutex(mutex) {}
+
+  void Say(const SourceSide& side, const ClipReport& r)
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (!_said.insert(&side).second)
+      return;
+    for (const std::string& w : r.warnings)
+      std::fprintf(_settings.progress, "%skelvara: warning: %s\n", _settings.terminal ? "\r\033[K" : "", w.c_str());
+  }
+
+private:
+  const BatchSettings& _settings;
+  std::mutex& _mutex;
+  std::set<const SourceSide*> _said;
+};
+
+int RetargetOne(Road& road, const BatchSettings& settings, SideWarningsOnce& warnings, ClipReport& r)
+{
+  ClipRun run;
+  run.sourcePath = r.source;
+  run.outputPath = r.output;
+  run.describe = true; // the side warnings come with the pairing's description
+  run.measure = settings.measure;
+  run.replaceAnimations = settings.replaceAnimations;
+  const bool ok = RunClip(road, run);
+  if (run.side != nullptr)
+    warnings.Say(*run.side, run.clip);
+  r = std::move(run.clip);
+  if (!ok)
+  {
+    r.error = AboutClip(r.source, run.problem.message);
+    return run.problem.badInput ? 2 : 1;
+  }
+  return 0;
+}
+
+} // namespace
+
+int BatchResult::Failed() const
+{
+  int n = 0;
+  for (int s : status)
+    n += s != 0 ? 1 : 0;
+  return n;
+}
+
+int BatchResult::Status() const
+{
+  int worst = 0;
+  for (int s : status)
+    if (s == 2 || (s == 1 && worst == 0))
+      worst = s;
+  return worst;
+}
+
+std::string BatchOutputPath(const std::string& outDir, const std::string& source, const std::string& extension)
+{
+  return (std::filesystem::path(outDir) / (std::filesystem::path(source).stem().string() + extension)).string();
+}
+
+std::string OutputCollision(const BatchSettings& settings)
+{
+  const std::vector<std::string>& sources = settings.sources;
+  auto out = [&](std::size_t i) { return BatchOutputPath(settings.outDir, sources[i], settings.extension); };
+  for (std::size_t i = 0; i < sources.size(); ++i)
+    for (std::size_t j = 0; j < i; ++j)
+      if (out(i) == out(j))
+        return "expected sources of distinct names, found " + sources[j] + " and " + sources[i] + " both writing " +
+               out(i);
+  return "";
+}
+
+BatchResult RunBatch(Road& road, const BatchSettings& settings)
+{
+  const Clock::time_point start = Clock::now();
+  BatchResult result;
+  const std::size_t n = settings.sources.size();
+  result.clips.resize(n);
+  result.status.assign(n, 1);
+  for (std::size_t i = 0; i < n; ++i)
+  {
+    result.clips[i].source = settings.sources[i];
+    result.clips[i].output = BatchOutputPath(settings.outDir, settings.sources[i], settings.extension);
+  }
+  std::mutex logMutex;
+  {
+    SideWarningsOnce warnings(settings, logMutex);
+    Progress progress(settings, logMutex);
+    std::atomic<std::size_t> next{0};
+    auto work = [&] {
+      for (std::size_t i = next++; i < n; i = next++)
+      {
+        const Clock::time_point clipStart = Clock::now();
+        ClipReport& r = result.clips[i];
+        // A worker thread cannot let an exception out: memory running out fails this clip alone
+        // (its output is written atomically, so nothing partial is left).
+        try
+        {
+          result.status[i] = RetargetOne(road, settings, warnings, r);
+        }
+        catch (const std::bad_alloc&)
+        {
+          r.error = AboutClip(r.source, "out of memory");
+          result.status[i] = 1;
+        }
+        r.ok = result.status[i] == 0;
+        progress.ClipDone(r, result.status[i], SecondsSince(clipStart));
+      }
+    };
+    const int jobs = std::max(1, std::min(settings.jobs, static_cast<int>(n)));
+    std::vector<std::thread> workers;
+    for (int j = 1; j < jobs; ++j)
+      workers.emplace_back(work);
+    work();
+    for (std::thread& t : workers)
+      t.join();
+    progress.Finish();
+  }
+  for (std::size_t i = 0; i < n; ++i)
+    if (result.status[i] == 0)
+      result.frames += result.clips[i].frames;
+  result.seconds = SecondsSince(start);
+  return result;
+}
+
+void PrintBatchSummary(std::FILE* out, const BatchResult& result)
+{
+  const double seconds = result.seconds > 0.0 ? result.seconds : 1e-9;
+  const int failed = result.Failed();
+  std::fprintf(out, "summary: %zu clips, %zu written, %d failed; %ld frames in %.2f s (%.0f frames/s, %.2f clips/s)\n",
+               result.clips.size(), result.clips.size() - static_cast<std::size_t>(failed), failed, result.frames,
+               result.seconds, static_cast<double>(result.frames) / seconds,
+               static_cast<double>(result.clips.size() - static_cast<std::size_t>(failed)) / seconds);
+  for (std::size_t i = 0; i < result.clips.size(); ++i)
+    if (result.status[i] != 0)
+      std::fprintf(out, "  failed: %s\n", result.clips[i].source.c_str());
+}
+
+} // namespace kelvara

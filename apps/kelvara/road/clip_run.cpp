@@ -1,0 +1,88 @@
+#include "road/clip_run.h"
+
+#include <chrono>
+
+namespace kelvara
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start)
+{
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+} // namespace
+
+std::vector<bool> DrivenJoints(const PreparedRetarget& prepared)
+{
+  std::vector<bool> driven;
+  for (int s : prepared.sourceOfTarget)
+    driven.push_back(s >= 0);
+  return driven;
+}
+
+bool RunClip(Road& road, ClipRun& run)
+{
+  run.clip.source = run.sourcePath.empty() ? run.source.skeleton.path : run.sourcePath;
+  run.clip.output = run.outputPath;
+  Clock::time_point start = Clock::now();
+  if (!run.sourcePath.empty() && !road.ReadSource(run.sourcePath, run.source, run.problem))
+    return false;
+  run.readSeconds = SecondsSince(start);
+  run.clip.frames = run.source.clip.frameCount;
+  run.clip.frameTime = run.source.clip.frameTime;
+
+  start = Clock::now();
+  const SourceSide& side = road.SideFor(run.source.skeleton);
+  if (!side.Ok())
+  {
+    run.problem = side.problem;
+    return false;
+  }
+  run.side = &side;
+  std::string error;
+  {
+    ClipRetarget retarget;
+    if (!retarget.Setup(side.prepared, error) || !retarget.Run(run.source.clip, run.output, error))
+      return run.problem.Set(false, error);
+  }
+  if (run.describe || run.measure)
+  {
+    DescribePairing(side.prepared, !road.Options().sourcePreset.empty(), !road.Options().targetPreset.empty(),
+                    run.clip);
+    run.clip.source = run.sourcePath.empty() ? run.source.skeleton.path : run.sourcePath;
+    run.clip.output = run.outputPath;
+    run.clip.frames = run.source.clip.frameCount;
+    run.clip.frameTime = run.source.clip.frameTime;
+  }
+  if (run.measure && !MeasureOtherRest(side.prepared, run.source.clip, run.clip, error))
+    return run.problem.Set(false, error);
+  if (run.otherRest && !RunWithOtherRest(side.prepared, run.source.clip, run.otherRestOutput, error))
+    return run.problem.Set(false, error);
+  run.solveSeconds = SecondsSince(start);
+
+  start = Clock::now();
+  WriteRequest write;
+  write.driven = DrivenJoints(side.prepared);
+  write.replaceAnimations = run.replaceAnimations;
+  if (!WriteAnimationFile(run.outputPath, road.Target(), run.output, write, error, &run.writtenAnimation))
+    return run.problem.Set(false, error);
+  run.writeSeconds = SecondsSince(start);
+
+  if (run.measure)
+  {
+    ReadRequest readBack;
+    readBack.skeletonRoot = road.Options().targetSkeletonRoot;
+    readBack.animation = run.writtenAnimation;
+    if (!MeasureWrittenQuality(run.source, readBack, run.clip, error))
+      return run.problem.Set(false, error);
+  }
+  run.clip.ok = true;
+  return true;
+}
+
+} // namespace kelvara

@@ -1,0 +1,93 @@
+// Clips retargeted from a source character onto a target character through the module: a part
+// prepared once per pair of characters, and a per-clip part that runs the frames.
+#pragma once
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "anim/clip.h"
+#include "anim/pose.h"
+#include "character/character.h"
+#include "road/joint_map.h"
+#include "telvo/charactersolver.h"
+
+namespace kelvara
+{
+
+struct UuidHash
+{
+  std::size_t operator()(const telvo::Uuid& uuid) const { return static_cast<std::size_t>(uuid.GetHash()); }
+};
+
+// The clip-independent part of a retarget: the joint pairs, the association and the solver
+// configuration. Prepare() once; afterwards it is only read, so that ClipRetargets on any number
+// of threads may share it (module objects are shared as read-only values).
+struct PreparedRetarget
+{
+  // Inputs. Both characters built and their body parts filled (ChooseAndFillPreset).
+  Character* source = nullptr;
+  Character* target = nullptr;
+  telvo::KelvaraHelperRef helper;
+  std::vector<JointPair> mapPairs; // overrides of the keyword pairing (--map)
+  double rootScale = 0.0;          // <= 0: auto, the target's hip height over the source's
+  bool rootMotion = true;
+  // Per target joint: the rest global matrices the road turns (MatchRestPose), set after
+  // pairing (Prepare or Validate) and before the frames run; empty: the target's own rest.
+  std::vector<telvo::Matrix> targetRest;
+
+  // Outputs of Prepare.
+  std::vector<int> sourceOfTarget; // per target joint: the source joint that drives it, or -1
+  std::vector<std::string> pairOrigin; // per target joint: "body part Left hand", "map", "same name", ""
+  telvo::AssociationCounters counters;
+  double appliedRootScale = 1.0;
+  std::vector<std::string> notes;
+
+  // Pairs the joints (body parts, then the map, then equal names for what is left), builds the
+  // association and the configuration and validates them.
+  bool Prepare(std::string& error);
+  bool IsPrepared() const { return _prepared; }
+  const telvo::CharacterAssociation& Association() const { return _association; }
+  const telvo::CharacterSolverConfiguration& Configuration() const { return _configuration; }
+
+private:
+  bool PairJoints(std::string& error);
+
+  telvo::CharacterAssociation _association;
+  telvo::CharacterSolverConfiguration _configuration;
+  bool _prepared = false;
+};
+
+// One clip's frames through a prepared retarget: the solver, the poses, the node transforms and
+// the scratch matrices are this object's own, so each thread of a batch has one.
+class ClipRetarget
+{
+public:
+  // Makes every object the frames need. prepared must stay alive and unchanged while Run is used.
+  bool Setup(const PreparedRetarget& prepared, std::string& error);
+  // Every frame of clip, parents before children, into output: a clip of the target's skeleton
+  // with the source's frame count and time, a local rotation for every target joint and the
+  // root's translation. clip must fit the prepared source's skeleton.
+  bool Run(const Clip& clip, Clip& output, std::string& error);
+
+private:
+  const PreparedRetarget* _prepared = nullptr;
+  telvo::CharacterSolver _solver;
+  telvo::CharacterPose _currentPose; // the source's current pose; its node transforms are ours
+  std::vector<telvo::CharacterNodeTransform> _currentTransforms;
+  std::vector<telvo::CharacterNodeTransformInterface*> _currentWritable;
+  std::vector<telvo::CharacterNodeTransform> _targetTransforms;
+  std::vector<telvo::CharacterNodeTransformInterface*> _targetWritable;
+  std::vector<telvo::CharacterNodeTransform> _deltaOfTarget;
+  std::unordered_map<telvo::Uuid, int, UuidHash> _targetIndex;
+  WorldPose _sourcePose;
+  std::vector<telvo::Matrix> _targetGlobal;
+  std::vector<telvo::Vector> _targetOffset; // each target joint's rest offset stretched by its ancestors' scales
+};
+
+// clip run once more with the other choice of target rest than prepared's: the target's own rest
+// when prepared matched it to the source (targetRest set), the matched one when not. Reports and
+// the demo's picture use it to show both results side by side.
+bool RunWithOtherRest(const PreparedRetarget& prepared, const Clip& clip, Clip& output, std::string& error);
+
+} // namespace kelvara
