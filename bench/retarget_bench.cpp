@@ -1,6 +1,7 @@
-// The host's own road on a real clip: reading and writing BVH text (MB/s), and a whole retarget
-// (pairing, configuration, every frame) of CMU 01_01 onto the demo's 21-joint target. The clip
-// is not part of the tree: the benchmarks that need it skip when it is absent.
+// The host's own road on a real clip: reading and writing BVH text (MB/s), writing the result
+// into the demo character's GLB, and a whole retarget (pairing, configuration, every frame) of
+// CMU 01_01 onto the demo's 21-joint target. The clip is not part of the tree: the benchmarks
+// that need it skip when it is absent.
 #include <benchmark/benchmark.h>
 
 #include <fstream>
@@ -8,10 +9,11 @@
 #include <string>
 
 #include "bench_support.h"
-#include "bvh.h"
-#include "character.h"
-#include "demo.h"
-#include "retarget.h"
+#include "demo/demo_character.h"
+#include "io/bvh/bvh_file.h"
+#include "io/bvh/bvh_model.h"
+#include "io/gltf/gltf.h"
+#include "road/clip_run.h"
 #include "telvo/registrybase.h"
 
 namespace
@@ -75,48 +77,93 @@ void BM_WriteBvh(benchmark::State& state)
 }
 BENCHMARK(BM_WriteBvh)->Unit(benchmark::kMillisecond);
 
-// Validate and Run of a fresh job per iteration, as `kelvara retarget` does once; the characters
-// are built outside the timing.
+// The clip as the host's model, or false when it cannot be read.
+bool ClipFile(kelvara::AnimationFile& file)
+{
+  kelvara::BvhFile bvh;
+  std::string error;
+  if (ClipText().empty() || !kelvara::ReadBvhFromBuffer(ClipText(), "clip", bvh, error))
+    return false;
+  kelvara::BvhLayout layout;
+  kelvara::BvhToSkeleton(bvh, file.skeleton, layout);
+  kelvara::BvhToClip(bvh, file.skeleton, file.clip);
+  file.hasClip = true;
+  return true;
+}
+
+// Pairing and every frame of a fresh prepared retarget per iteration, as `kelvara retarget` does
+// once; the characters are built outside the timing.
 void BM_RetargetClipOntoDemoTarget(benchmark::State& state)
 {
   kelvara_bench::LoadModuleOnce();
-  kelvara::BvhFile source;
-  std::string error;
-  if (ClipText().empty() || !kelvara::ReadBvhFromBuffer(ClipText(), "clip", source, error))
+  kelvara::AnimationFile source;
+  if (!ClipFile(source))
   {
     state.SkipWithError("the clip is not readable (set KELVARA_CLIP)");
     return;
   }
-  const kelvara::BvhFile target = kelvara::MakeDemoTarget();
+  const kelvara::AnimationFile target = kelvara::DemoTargetFile();
+  std::string error;
   telvo::Result<telvo::KelvaraHelperRef> helper =
     telvo::CreateObject<telvo::KelvaraHelperRef>("net.telvo.animation.class.kelvarahelper");
   kelvara::Character sourceCharacter;
   kelvara::Character targetCharacter;
-  if (helper.IsError() || !kelvara::BuildCharacter(source, "source", sourceCharacter, error) ||
+  if (helper.IsError() || !kelvara::BuildCharacter(source.skeleton, "source", sourceCharacter, error) ||
       !kelvara::ChooseAndFillPreset(sourceCharacter, helper.GetValue(), "", error) ||
-      !kelvara::BuildCharacter(target, "target", targetCharacter, error) ||
+      !kelvara::BuildCharacter(target.skeleton, "target", targetCharacter, error) ||
       !kelvara::ChooseAndFillPreset(targetCharacter, helper.GetValue(), "", error))
   {
     state.SkipWithError(("cannot build the characters: " + error).c_str());
     return;
   }
+  kelvara::Clip output;
   for (auto _ : state)
   {
-    kelvara::RetargetJob job;
-    job.source = &sourceCharacter;
-    job.target = &targetCharacter;
-    job.helper = helper.GetValue();
-    if (!job.Validate(error) || !job.Run(error))
+    kelvara::PreparedRetarget prepared;
+    prepared.source = &sourceCharacter;
+    prepared.target = &targetCharacter;
+    prepared.helper = helper.GetValue();
+    kelvara::ClipRetarget run;
+    if (!prepared.Prepare(error) || !run.Setup(prepared, error) || !run.Run(source.clip, output, error))
     {
       state.SkipWithError(error.c_str());
       return;
     }
-    benchmark::DoNotOptimize(job.output.motion.data());
+    benchmark::DoNotOptimize(output.rotations.data());
   }
-  state.counters["frames"] = source.frameCount;
+  state.counters["frames"] = source.clip.frameCount;
   state.counters["frames/s"] =
-    benchmark::Counter(static_cast<double>(source.frameCount), benchmark::Counter::kIsIterationInvariantRate);
+    benchmark::Counter(static_cast<double>(source.clip.frameCount), benchmark::Counter::kIsIterationInvariantRate);
 }
 BENCHMARK(BM_RetargetClipOntoDemoTarget)->Unit(benchmark::kMillisecond);
+
+// The clip's motion written into the demo character's document as a GLB (bytes in memory; the
+// file system is left out). The motion is the clip's own on a skeleton of its joints' count, so
+// what is timed is packing the document and encoding the keyframes.
+void BM_WriteGlb(benchmark::State& state)
+{
+  kelvara::AnimationFile source;
+  if (!ClipFile(source))
+  {
+    state.SkipWithError("the clip is not readable (set KELVARA_CLIP)");
+    return;
+  }
+  const kelvara::AnimationFile character = kelvara::DemoCharacterFile();
+  kelvara::Clip clip = kelvara::RestClip(character.skeleton, source.clip.frameCount, source.clip.frameTime);
+  std::string bytes;
+  std::string error;
+  for (auto _ : state)
+  {
+    if (!kelvara::GltfBytes(character, clip, kelvara::WriteRequest(), true, bytes, error))
+    {
+      state.SkipWithError(error.c_str());
+      return;
+    }
+    benchmark::DoNotOptimize(bytes.data());
+  }
+  state.counters["keyframes"] = clip.frameCount * clip.jointCount;
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(bytes.size()));
+}
+BENCHMARK(BM_WriteGlb)->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -166,7 +166,7 @@ Preset MakeGeneric()
   sided(kLeftUpperArm, {"upperarm", "uparm"});
   sided(kLeftForearm, {"forearm", "lowerarm", "lowarm"});
   sided(kLeftHand, {"hand", "wrist"});
-  sided(kLeftThigh, {"thigh", "upperleg", "upleg"});
+  sided(kLeftThigh, {"thigh", "upperleg", "upleg", "hip"});
   sided(kLeftShin, {"calf", "shin", "lowerleg", "knee"});
   sided(kLeftFoot, {"foot", "ankle"});
   sided(kLeftToes, {"toe", "ball"});
