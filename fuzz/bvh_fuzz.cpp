@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "bvh.h"
+#include "io/bvh/bvh_file.h"
 
 namespace
 {

@@ -13,7 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "object_json.h"
+#include "io/json/object_json.h"
 #include "telvo/internedid.h"
 #include "telvo/loader.h"
 #include "telvo/system.h"

@@ -7,8 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "bvh.h"
-#include "mapping.h"
+#include "io/bvh/bvh_file.h"
+#include "io/bvh/bvh_model.h"
+#include "road/joint_map.h"
 
 namespace
 {
@@ -23,17 +24,20 @@ void Require(bool ok, const char* what, const std::string& detail = std::string(
   std::abort();
 }
 
-kelvara::BvhFile Skeleton(const char* path, const char* text)
+kelvara::Skeleton Skeleton(const char* path, const char* text)
 {
   kelvara::BvhFile file;
   std::string error;
   Require(kelvara::ReadBvhFromBuffer(text, path, file, error), "fixed skeleton does not read", error);
-  return file;
+  kelvara::Skeleton skeleton;
+  kelvara::BvhLayout layout;
+  kelvara::BvhToSkeleton(file, skeleton, layout);
+  return skeleton;
 }
 
-const kelvara::BvhFile& Source()
+const kelvara::Skeleton& Source()
 {
-  static const kelvara::BvhFile file = Skeleton("source.bvh", "HIERARCHY\n"
+  static const kelvara::Skeleton file = Skeleton("source.bvh", "HIERARCHY\n"
                                                               "ROOT Hips { OFFSET 0 0 0 CHANNELS 0\n"
                                                               " JOINT Spine { OFFSET 0 1 0\n"
                                                               "  JOINT Head { OFFSET 0 1 0 } }\n"
@@ -45,9 +49,9 @@ const kelvara::BvhFile& Source()
   return file;
 }
 
-const kelvara::BvhFile& Target()
+const kelvara::Skeleton& Target()
 {
-  static const kelvara::BvhFile file = Skeleton("target.bvh", "HIERARCHY\n"
+  static const kelvara::Skeleton file = Skeleton("target.bvh", "HIERARCHY\n"
                                                               "ROOT pelvis { OFFSET 0 0 0 CHANNELS 0\n"
                                                               " JOINT spine_01 { OFFSET 0 1 0\n"
                                                               "  JOINT head { OFFSET 0 1 0 } }\n"

@@ -88,6 +88,7 @@ public:
       ConvertAnimation(*_scene.mAnimations[a], a);
     tinygltf::Scene scene;
     scene.nodes = {0};
+    scene.nodes.insert(scene.nodes.end(), _sceneRoots.begin(), _sceneRoots.end());
     _model.scenes.push_back(scene);
     _model.defaultScene = 0;
   }
@@ -222,14 +223,19 @@ private:
         meshOf[meshIndex] = ConvertMesh(mesh);
       if (meshOf[meshIndex] < 0)
         continue;
-      // A node of its own per mesh, child of the node that holds it: a glTF node has one mesh.
+      // A node of its own per mesh (a glTF node has one): a child of the node that holds it, or
+      // for a skinned mesh, whose node's transform glTF ignores, a root of the scene.
       tinygltf::Node holder;
       holder.name = std::string(mesh.mName.C_Str()).empty() ? "mesh" + std::to_string(meshIndex) : mesh.mName.C_Str();
       holder.mesh = meshOf[meshIndex];
       if (mesh.HasBones())
         holder.skin = ConvertSkin(mesh, parent);
       _model.nodes.push_back(holder);
-      _model.nodes[static_cast<std::size_t>(parent)].children.push_back(static_cast<int>(_model.nodes.size()) - 1);
+      const int index = static_cast<int>(_model.nodes.size()) - 1;
+      if (mesh.HasBones())
+        _sceneRoots.push_back(index);
+      else
+        _model.nodes[static_cast<std::size_t>(parent)].children.push_back(index);
     }
   }
 
@@ -431,6 +437,7 @@ private:
   Mirror _mirror;
   std::map<const aiNode*, int> _nodeOf;
   std::multimap<std::string, int> _byName;
+  std::vector<int> _sceneRoots; // skinned meshes' nodes
 };
 
 std::string Lower(std::string text)

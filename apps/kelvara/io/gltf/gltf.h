@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "io/animation_file.h"
 
@@ -17,6 +18,11 @@ namespace kelvara
 // index; the first by default) sampled at its keyframes' rate. The document stays in
 // out.gltf for writing back.
 bool ReadGltf(const std::string& path, const ReadRequest& request, AnimationFile& out, std::string& error);
+
+// The same from the file's bytes; path names it in messages, baseDir is where its relative uris
+// (buffers, images) are found.
+bool ReadGltfBytes(std::string_view bytes, const std::string& path, const std::string& baseDir,
+                   const ReadRequest& request, AnimationFile& out, std::string& error);
 
 // The same from a document already in memory (a file converted by another reader); path names it
 // in messages.

@@ -536,7 +536,7 @@ bool ReadTracks(const tinygltf::Model& model, const std::string& path, int anima
 }
 
 // The frame time: the densest track's mean key spacing, snapped to a whole number of frames a
-// second when it is that within 1%.
+// second when it is that but for the rounding of 32-bit key times.
 double FrameTimeOf(const std::vector<Track>& tracks)
 {
   double step = std::numeric_limits<double>::infinity();
@@ -547,7 +547,7 @@ double FrameTimeOf(const std::vector<Track>& tracks)
     return 1.0 / 30.0;
   const double fps = 1.0 / step;
   const double whole = std::round(fps);
-  return whole >= 1.0 && std::fabs(fps - whole) < 0.01 * fps ? 1.0 / whole : step;
+  return whole >= 1.0 && std::fabs(fps - whole) < 1e-4 * fps ? 1.0 / whole : step;
 }
 
 bool BuildClip(const tinygltf::Model& model, const std::string& path, int animationIndex, const Skeleton& skeleton,
@@ -659,17 +659,14 @@ bool ReadGltfDocument(std::shared_ptr<GltfDocument> document, const std::string&
   return true;
 }
 
-bool ReadGltf(const std::string& path, const ReadRequest& request, AnimationFile& out, std::string& error)
+bool ReadGltfBytes(std::string_view bytes, const std::string& path, const std::string& baseDir,
+                   const ReadRequest& request, AnimationFile& out, std::string& error)
 {
-  std::string bytes;
-  if (!ReadFileBytes(path, bytes, error))
-    return false;
   auto document = std::make_shared<GltfDocument>();
   tinygltf::TinyGLTF loader;
   loader.SetImageLoader(&KeepImageBytes, &document->imageBytes);
   std::string err;
   std::string warn;
-  const std::string baseDir = std::filesystem::path(path).parent_path().string();
   const bool binary = bytes.size() >= 4 && bytes.compare(0, 4, "glTF") == 0;
   if (bytes.size() > std::numeric_limits<unsigned int>::max())
   {
@@ -694,6 +691,14 @@ bool ReadGltf(const std::string& path, const ReadRequest& request, AnimationFile
     if (!line.empty())
       out.warnings.push_back(path + ": " + line);
   return ReadGltfDocument(std::move(document), path, request, out, error);
+}
+
+bool ReadGltf(const std::string& path, const ReadRequest& request, AnimationFile& out, std::string& error)
+{
+  std::string bytes;
+  if (!ReadFileBytes(path, bytes, error))
+    return false;
+  return ReadGltfBytes(bytes, path, std::filesystem::path(path).parent_path().string(), request, out, error);
 }
 
 } // namespace kelvara

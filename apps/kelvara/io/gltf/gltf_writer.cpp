@@ -2,6 +2,7 @@
 // retargeted clip as a new animation.
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <set>
 #include <sstream>
 
@@ -254,7 +255,7 @@ GltfDocument SkeletonDocument(const Skeleton& skeleton)
   const std::size_t n = skeleton.joints.size();
   model.nodes.resize(n);
   tinygltf::Scene scene;
-  scene.name = FileStem(skeleton.path);
+  scene.name = std::filesystem::path(skeleton.path).stem().string();
   std::vector<int> roots;
   for (std::size_t j = 0; j < n; ++j)
   {
