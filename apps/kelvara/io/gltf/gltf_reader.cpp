@@ -445,6 +445,9 @@ void Sample(const Track& track, double t, double* out)
     key = last;
   else
     key = static_cast<std::size_t>(std::upper_bound(times.begin(), times.end(), t) - times.begin()) - 1;
+  // A frame time a hair before a key (keys are 32-bit floats, frame times doubles) is that key.
+  if (key < last && times[key + 1] - t <= 1e-6 * std::max(1.0, std::fabs(t)))
+    ++key;
   if (key == last || t <= times[key] || track.interpolation == "STEP")
   {
     for (std::size_t c = 0; c < k; ++c)
