@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "bvh.h"
-#include "mapping.h"
-#include "object_json.h"
+#include "anim/skeleton.h"
+#include "io/json/object_json.h"
+#include "road/joint_map.h"
 #include "support/loaded_module.h"
 
 namespace kelvara
@@ -36,8 +36,12 @@ json NestedTrees(int depth)
 TEST(FuzzRegressions, EveryInputIsRefusedWithAMessage)
 {
   kelvara_test::LoadedModuleForTests();
-  BvhFile skeleton;
-  skeleton.joints = {{"Hips", -1, {}, {}, false, {}, 0, 0}, {"Spine", 0, {0, 1, 0}, {}, false, {}, 0, 0}};
+  Skeleton skeleton;
+  skeleton.joints.resize(2);
+  skeleton.joints[0].name = "Hips";
+  skeleton.joints[1].name = "Spine";
+  skeleton.joints[1].parent = 0;
+  skeleton.joints[1].translation = {0, 1, 0};
   std::string error;
   auto map = [&](const char* text) {
     std::vector<JointPair> pairs;

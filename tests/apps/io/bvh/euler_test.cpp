@@ -1,4 +1,4 @@
-#include "rotation.h"
+#include "io/bvh/euler.h"
 
 #include <gtest/gtest.h>
 
@@ -42,7 +42,7 @@ void ForEachOrder(Body body)
   } while (std::next_permutation(axes, axes + 3));
 }
 
-TEST(Rotation, AxesAreRightHandedAndFirstChannelIsOutermost)
+TEST(Euler, AxesAreRightHandedAndFirstChannelIsOutermost)
 {
   EXPECT_LT(MaxDifference(AxisRotation(0, M_PI / 2), Matrix{{}, {1, 0, 0}, {0, 0, 1}, {0, -1, 0}}), 1e-15);
   EXPECT_LT(MaxDifference(AxisRotation(1, M_PI / 2), Matrix{{}, {0, 0, -1}, {0, 1, 0}, {1, 0, 0}}), 1e-15);
@@ -77,7 +77,7 @@ TEST(Rotation, AxesAreRightHandedAndFirstChannelIsOutermost)
   }
 }
 
-TEST(Rotation, DecomposeRecomposesAndStaysNearThePreviousFrame)
+TEST(Euler, DecomposeRecomposesAndStaysNearThePreviousFrame)
 {
   std::mt19937 rng(11);
   std::uniform_real_distribution<double> degrees(-180, 180);
@@ -112,7 +112,7 @@ TEST(Rotation, DecomposeRecomposesAndStaysNearThePreviousFrame)
   });
 }
 
-TEST(Rotation, SpinningSequencesStayContinuous)
+TEST(Euler, SpinningSequencesStayContinuous)
 {
   // Three turns about the outermost axis, 2 degrees a frame, tumbling on the side: the first
   // angle keeps counting past 180 and 360 in small steps.

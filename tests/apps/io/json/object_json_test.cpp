@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "character.h"
-#include "object_json.h"
+#include "character/character.h"
+#include "io/bvh/bvh_model.h"
+#include "io/json/object_json.h"
 #include "support/loaded_module.h"
 #include "support/values.h"
 
@@ -27,14 +28,17 @@ protected:
   {
     kelvara_test::LoadedModuleForTests();
     std::string error;
+    BvhFile file;
     ASSERT_TRUE(ReadBvhFromBuffer("HIERARCHY ROOT Hips { OFFSET 0.5 90.25 -3 JOINT Spine { OFFSET 0 1 0 } }\n"
                                   "MOTION\nFrames: 0\nFrame Time: 1\n",
-                                  "two.bvh", _file, error));
-    ASSERT_TRUE(BuildCharacter(_file, "source", _character, error)) << error;
+                                  "two.bvh", file, error));
+    BvhLayout layout;
+    BvhToSkeleton(file, _skeleton, layout);
+    ASSERT_TRUE(BuildCharacter(_skeleton, "source", _character, error)) << error;
     _saved = Save(_character.definition);
   }
 
-  BvhFile _file;
+  Skeleton _skeleton; // the character points to it
   Character _character;
   json _saved;
 };
