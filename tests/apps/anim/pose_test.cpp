@@ -1,4 +1,5 @@
-#include "skeleton_pose.h"
+// World poses against hand arithmetic: scene transforms, scales, rest rotations, moved joints.
+#include "anim/pose.h"
 
 #include <gtest/gtest.h>
 
@@ -7,77 +8,176 @@
 #include <string>
 #include <unistd.h>
 
+#include "io/animation_file.h"
+#include "io/bvh/bvh_file.h"
+#include "support/quaternion.h"
+
 namespace kelvara
 {
 namespace
 {
 
+using kelvara_test::AxesDiff;
+using kelvara_test::MaxDiff;
+using kelvara_test::Quat;
 using telvo::Matrix;
 using telvo::Vector;
 
-bool Near(const Vector& a, const Vector& b)
+Quaternion FromTest(const Quat& q)
 {
-  return std::fabs(a.x - b.x) < 1e-12 && std::fabs(a.y - b.y) < 1e-12 && std::fabs(a.z - b.z) < 1e-12;
+  return {q.w, q.x, q.y, q.z};
 }
 
-TEST(SkeletonPose, ChainMatchesHandArithmetic)
+Joint MakeJoint(const char* name, int parent, Vector translation, Quaternion rotation = {})
 {
-  // The child also has an X position channel, as some exporters write on every joint.
-  BvhFile f;
-  std::string error;
-  ASSERT_TRUE(ReadBvhFromBuffer("HIERARCHY ROOT Root { OFFSET 1 2 3 CHANNELS 6 Xposition Yposition Zposition "
-                                "Zrotation Yrotation Xrotation JOINT Child { OFFSET 0 10 0 CHANNELS 3 Xposition "
-                                "Zrotation Xrotation End Site { OFFSET 0 5 0 } } }\nMOTION\nFrames: 2\nFrame Time: 1\n"
-                                "0 0 0 0 0 0 0 0 0\n10 20 30 90 0 0 2 0 90\n",
-                                "chain.bvh", f, error))
-    << error;
-  const std::vector<Matrix> rest = WorldMatrices(f, kRestFrame);
-  const std::vector<Matrix> world = WorldMatrices(f, 1);
-  ASSERT_EQ(rest.size(), 2u);
-  ASSERT_EQ(world.size(), 2u);
-  // Frame 1: the root moves to (1,2,3) + (10,20,30) and turns 90 degrees about Z (+Y to -X). The
-  // child's (0,10,0) + (2,0,0) turned by the root is (-10,2,0); its own Rx(90) takes +Y to +Z.
-  // A joint without an end site stands for its own.
-  const Vector got[] = {rest[0].off, rest[1].off, EndSitePositions(f, rest)[1], world[0].off, world[0].v1,
-                        world[1].off, world[1].v2, EndSitePositions(f, world)[1], EndSitePositions(f, world)[0]};
+  Joint j;
+  j.name = name;
+  j.parent = parent;
+  j.translation = translation;
+  j.rotation = rotation;
+  return j;
+}
+
+// A skeleton authored Z up in centimetres under a scene transform that turns it Y up and scales it
+// to metres, placed 1 m along X. The root doubles the size of everything below it; the child
+// rests turned 90 degrees about its Z.
+TEST(WorldPose, RestCarriesTheSceneTheScalesAndRestRotations)
+{
+  const Quat zUpToYUp = kelvara_test::AxisAngle(1, 0, 0, -90);
+  const Quat childRest = kelvara_test::AxisAngle(0, 0, 1, 90);
+  Skeleton s;
+  s.sceneTransform = kelvara_test::Place(zUpToYUp, {1, 0, 0});
+  s.sceneTransform.v1 = s.sceneTransform.v1 * 0.01;
+  s.sceneTransform.v2 = s.sceneTransform.v2 * 0.01;
+  s.sceneTransform.v3 = s.sceneTransform.v3 * 0.01;
+  s.joints = {MakeJoint("Root", -1, {0, 0, 100}), MakeJoint("Child", 0, {0, 50, 0}, FromTest(childRest)),
+              MakeJoint("Leaf", 1, {0, 0, 25})};
+  s.joints[0].scale = {2, 2, 2};
+  s.joints[1].hasEndSite = true;
+  s.joints[1].endSite = {10, 0, 0};
+
+  WorldPose pose;
+  ASSERT_TRUE(pose.Evaluate(s, nullptr, kRestFrame));
+  ASSERT_EQ(pose.Size(), 3u);
+  // Root: 100 cm up Z is 1 m up Y. Child: 50 cm along the root's Y, doubled, is 1 m towards -Z.
+  // Its end site: 10 cm along its X (turned to Y, then to -Z), doubled. Leaf: 25 cm along the
+  // child's Z (up once the scene turns it), doubled.
+  const Vector got[] = {pose[0].off, pose[1].off, pose.EndSite(s, 1), pose[2].off, pose.EndSite(s, 2)};
+  const Vector want[] = {{1, 1, 0}, {1, 1, -1}, {1, 1, -1.2}, {1, 1.5, -1}, {1, 1.5, -1}};
+  for (int i = 0; i < 5; ++i)
+    EXPECT_LT(MaxDiff(got[i], want[i]), 1e-12) << i;
+  // Rotations are rigid: scales stretch offsets only.
+  EXPECT_LT(AxesDiff(pose[0], zUpToYUp), 1e-12);
+  EXPECT_LT(AxesDiff(pose[1], zUpToYUp * childRest), 1e-12);
+  EXPECT_LT(AxesDiff(pose[2], zUpToYUp * childRest), 1e-12);
+  EXPECT_EQ(RestWorld(s), pose.Matrices());
+
+  // A clip that holds every joint at its rest transform poses the rest, rotations included.
+  const Clip still = RestClip(s, 2, 0.5);
+  ASSERT_TRUE(pose.Evaluate(s, &still, 1));
+  for (std::size_t j = 0; j < 3; ++j)
+    EXPECT_LT(MaxDiff(pose[j], RestWorld(s)[j]), 1e-15) << j;
+}
+
+class WorldPoseFrames : public ::testing::Test
+{
+protected:
+  // Root at (1,2,3) -> Child 10 up with an end site 5 above it. Child also moves (as files with
+  // position channels on every joint do). Frame 0 holds the rest; frame 1 moves the root by
+  // (10,20,30) and turns it 90 degrees about Z, moves the child 2 along X and turns it 90
+  // degrees about X.
+  void SetUp() override
+  {
+    _skeleton.path = "chain.bvh";
+    _skeleton.joints = {MakeJoint("Root", -1, {1, 2, 3}), MakeJoint("Child", 0, {0, 10, 0})};
+    _skeleton.joints[1].hasEndSite = true;
+    _skeleton.joints[1].endSite = {0, 5, 0};
+    _clip.frameCount = 2;
+    _clip.frameTime = 1.0;
+    _clip.jointCount = 2;
+    _clip.rotations = {{}, {}, FromTest(kelvara_test::AxisAngle(0, 0, 1, 90)),
+                       FromTest(kelvara_test::AxisAngle(1, 0, 0, 90))};
+    _clip.rootTranslation = {{1, 2, 3}, {11, 22, 33}};
+    _clip.translations = {{}, {0, 10, 0}, {}, {2, 10, 0}};
+  }
+
+  Skeleton _skeleton;
+  Clip _clip;
+};
+
+TEST_F(WorldPoseFrames, MovedJointsFollowTheirParents)
+{
+  WorldPose rest;
+  WorldPose moved;
+  ASSERT_TRUE(rest.Evaluate(_skeleton, &_clip, kRestFrame));
+  ASSERT_TRUE(moved.Evaluate(_skeleton, &_clip, 1));
+  // The child's (2,10,0) turned by the root is (-10,2,0); its own turn takes +Y to +Z. A joint
+  // without an end site stands for its own.
+  const Vector got[] = {rest[0].off, rest[1].off, rest.EndSite(_skeleton, 1),  moved[0].off,
+                        moved[0].v1, moved[1].off, moved[1].v2,                 moved.EndSite(_skeleton, 1),
+                        moved.EndSite(_skeleton, 0)};
   const Vector want[] = {{1, 2, 3}, {1, 12, 3}, {1, 17, 3}, {11, 22, 33}, {0, 1, 0}, {1, 24, 33}, {0, 0, 1},
                          {1, 24, 38}, {11, 22, 33}};
   for (int i = 0; i < 9; ++i)
-    EXPECT_PRED2(Near, got[i], want[i]) << i;
-  // A zero frame is the rest pose: position channels add to the offset, they do not replace it.
-  EXPECT_EQ(WorldMatrices(f, 0), rest);
-
-  std::vector<Matrix> filled(5);
-  EXPECT_FALSE(FillWorldMatrices(f, 2, filled));
-  EXPECT_TRUE(filled.empty());
-  EXPECT_TRUE(WorldMatrices(f, -2).empty());
-  // A motion shorter than its declared frame count is not read past its end.
-  f.motion.resize(12);
-  EXPECT_FALSE(FillWorldMatrices(f, 1, filled));
-  EXPECT_TRUE(FillWorldMatrices(f, 0, filled));
+    EXPECT_LT(MaxDiff(got[i], want[i]), 1e-12) << i;
+  WorldPose first;
+  ASSERT_TRUE(first.Evaluate(_skeleton, &_clip, 0));
+  EXPECT_EQ(first.Matrices(), rest.Matrices());
+  // Without per-joint translations the child keeps its rest offset.
+  _clip.translations.clear();
+  ASSERT_TRUE(moved.Evaluate(_skeleton, &_clip, 1));
+  EXPECT_LT(MaxDiff(moved[1].off, Vector{1, 22, 33}), 1e-12);
 }
 
-TEST(SkeletonPose, CmuWalkStandsOnItsFeet)
+// A frame outside the clip, or a clip whose arrays do not fit the skeleton, is refused and leaves
+// the pose empty, never read past an array's end.
+TEST_F(WorldPoseFrames, FramesAndClipsThatDoNotFitAreRefused)
 {
-  const char* const clip = "/usr/share/assimp/models/BVH/01_01.bvh";
-  if (::access(clip, R_OK) != 0)
-    GTEST_SKIP() << clip << " is not installed";
-  BvhFile f;
+  WorldPose pose;
+  for (int frame : {2, -2})
+  {
+    ASSERT_TRUE(pose.Evaluate(_skeleton, &_clip, 0));
+    EXPECT_FALSE(pose.Evaluate(_skeleton, &_clip, frame)) << frame;
+    EXPECT_EQ(pose.Size(), 0u) << frame;
+  }
+  // Frame 1 is where a short array would be read past its end.
+  const auto refused = [&](auto change) {
+    Clip clip = _clip;
+    change(clip);
+    return !pose.Evaluate(_skeleton, &clip, 1) && pose.Size() == 0;
+  };
+  EXPECT_TRUE(refused([](Clip& c) { c.jointCount = 3; }));
+  EXPECT_TRUE(refused([](Clip& c) { c.rotations.pop_back(); }));
+  EXPECT_TRUE(refused([](Clip& c) { c.rootTranslation.pop_back(); }));
+  EXPECT_TRUE(refused([](Clip& c) { c.translations.resize(2); })); // one frame of two
+}
+
+TEST(WorldPose, CmuWalkStandsOnItsFeet)
+{
+  const char* const path = "/usr/share/assimp/models/BVH/01_01.bvh";
+  if (::access(path, R_OK) != 0)
+    GTEST_SKIP() << path << " is not installed";
+  AnimationFile walk;
   std::string error;
-  ASSERT_TRUE(ReadBvh(clip, f, error)) << error;
+  ASSERT_TRUE(ReadAnimationFile(path, ReadRequest(), walk, error)) << error;
+  const Skeleton& s = walk.skeleton;
   const std::size_t hips = 0, leftFoot = 4, rightFoot = 9, head = 16;
-  ASSERT_EQ(f.joints[leftFoot].name + f.joints[rightFoot].name + f.joints[head].name, "LeftFootRightFootHead");
-  for (int frame : {kRestFrame, 0, f.frameCount - 1})
+  ASSERT_EQ(s.joints[leftFoot].name + s.joints[rightFoot].name + s.joints[head].name, "LeftFootRightFootHead");
+  WorldPose world;
+  for (int frame : {kRestFrame, 0, walk.clip.frameCount - 1})
   {
     // Legs are about 14 units long in this clip; the head's end site is the top of the figure.
-    const std::vector<Matrix> world = WorldMatrices(f, frame);
-    ASSERT_EQ(world.size(), f.joints.size());
+    ASSERT_TRUE(world.Evaluate(s, &walk.clip, frame)) << frame;
+    ASSERT_EQ(world.Size(), s.joints.size());
     EXPECT_LT(std::max(world[leftFoot].off.y, world[rightFoot].off.y), world[hips].off.y - 8.0) << frame;
-    EXPECT_GT(EndSitePositions(f, world)[head].y, world[head].off.y + 1.0) << frame;
+    EXPECT_GT(world.EndSite(s, head).y, world[head].off.y + 1.0) << frame;
   }
-  // Frame 0 puts the hips where the root's position channels say.
-  const Vector moved = {f.motion[0], f.motion[1], f.motion[2]};
-  EXPECT_PRED2(Near, WorldMatrices(f, 0)[hips].off, f.joints[0].offset + moved);
+  // Frame 0 puts the hips at the root's offset plus its position channels, as the file says.
+  BvhFile file;
+  ASSERT_TRUE(ReadBvh(path, file, error)) << error;
+  ASSERT_TRUE(world.Evaluate(s, &walk.clip, 0));
+  EXPECT_LT(MaxDiff(world[hips].off, file.joints[0].offset + Vector{file.motion[0], file.motion[1], file.motion[2]}),
+            1e-12);
 }
 
 } // namespace

@@ -1,41 +1,43 @@
-// Characters built from BVH skeletons: node ids, rest matrices, presets and sides.
+// Characters built from skeletons: node ids, rest matrices, presets and sides.
+#include "character/character.h"
+
 #include <gtest/gtest.h>
 
 #include <set>
 #include <sstream>
 
-#include "character.h"
 #include "support/helper_fixture.h"
+#include "support/quaternion.h"
 
 namespace kelvara
 {
 namespace
 {
 
+using kelvara_test::MaxDiff;
+using kelvara_test::Quat;
 using telvo::Vector;
 
-// A skeleton without motion: blank-separated names, and per joint its parent and offset.
-BvhFile Skeleton(const std::string& names, std::initializer_list<std::pair<int, Vector>> layout)
+// Blank-separated names, and per joint its parent and rest translation.
+Skeleton MakeSkeleton(const std::string& names, std::initializer_list<std::pair<int, Vector>> layout)
 {
-  BvhFile f;
+  Skeleton s;
+  s.path = "test.bvh";
   std::istringstream in(names);
-  for (const auto& [parent, offset] : layout)
+  for (const auto& [parent, translation] : layout)
   {
-    BvhJoint& j = f.joints.emplace_back();
+    Joint& j = s.joints.emplace_back();
     in >> j.name;
     j.parent = parent;
-    j.offset = offset;
-    j.channels = {Channel::Zrotation, Channel::Xrotation, Channel::Yrotation};
-    j.firstChannel = f.channelCount;
-    f.channelCount += 3;
+    j.translation = translation;
   }
-  return f;
+  return s;
 }
 
 // A person facing +Z, Y up, its left on +X (on -X for side -1), joints in the body parts' order.
-BvhFile Humanoid(const std::string& names, double side = 1.0)
+Skeleton Humanoid(const std::string& names, double side = 1.0)
 {
-  return Skeleton(names, {{-1, {0, 10, 0}}, {0, {0, 1, 0}}, {1, {0, 2, 0}}, {2, {0, 2, 0}}, {3, {0, 1, 0}},
+  return MakeSkeleton(names, {{-1, {0, 10, 0}}, {0, {0, 1, 0}}, {1, {0, 2, 0}}, {2, {0, 2, 0}}, {3, {0, 1, 0}},
                           {2, {side, 1.5, 0}}, {5, {side, 0, 0}}, {6, {3 * side, 0, 0}}, {7, {3 * side, 0, 0}},
                           {2, {-side, 1.5, 0}}, {9, {-side, 0, 0}}, {10, {-3 * side, 0, 0}}, {11, {-3 * side, 0, 0}},
                           {0, {side, 0, 0}}, {13, {0, -5, 0}}, {14, {0, -4, 0}}, {15, {0, -1, 2}},
@@ -52,10 +54,10 @@ const char* const kGenericNames = "pelvis spine_01 spine_02 neck_01 head clavicl
 class CharacterTest : public kelvara_test::HelperTest
 {
 protected:
-  void Fill(const BvhFile& file, Character& c, const std::string& preset = "")
+  void Fill(const Skeleton& skeleton, Character& c, const std::string& preset = "")
   {
     std::string error;
-    ASSERT_TRUE(BuildCharacter(file, "target", c, error)) << error;
+    ASSERT_TRUE(BuildCharacter(skeleton, "target", c, error)) << error;
     ASSERT_TRUE(ChooseAndFillPreset(c, _helper, preset, error)) << error;
   }
 
@@ -69,7 +71,7 @@ protected:
     for (int part : parts)
     {
       const int j = c.partJoint[static_cast<std::size_t>(part)];
-      names += (names.empty() ? "" : " ") + (j < 0 ? "(empty)" : c.file->joints[static_cast<std::size_t>(j)].name);
+      names += (names.empty() ? "" : " ") + (j < 0 ? "(empty)" : c.skeleton->joints[static_cast<std::size_t>(j)].name);
     }
     return names;
   }
@@ -78,9 +80,9 @@ protected:
 TEST_F(CharacterTest, NodeIdsFollowThePathAndTheRoleAndRestPosesAccumulateOffsets)
 {
   // Two siblings of one name, and a name that recurs deeper down.
-  const BvhFile f =
-    Skeleton("Root Arm Arm Root", {{-1, {1, 2, 3}}, {0, {0, 4, 0}}, {0, {-2, 0, 0.5}}, {2, {10, 0, 0}}});
-  EXPECT_EQ(JointPath(f, 3), "Root/Arm#2/Root");
+  const Skeleton f =
+    MakeSkeleton("Root Arm Arm Root", {{-1, {1, 2, 3}}, {0, {0, 4, 0}}, {0, {-2, 0, 0.5}}, {2, {10, 0, 0}}});
+  EXPECT_EQ(JointPaths(f)[3], "Root/Arm#2/Root");
   Character a, b, other;
   std::string error;
   ASSERT_TRUE(BuildCharacter(f, "source", a, error) && BuildCharacter(f, "source", b, error) &&
@@ -107,13 +109,41 @@ TEST_F(CharacterTest, NodeIdsFollowThePathAndTheRoleAndRestPosesAccumulateOffset
   // The definition holds what was built.
   EXPECT_TRUE(a.definition->GetSkeletonTree() == a.nodes[0]);
   EXPECT_TRUE(a.definition->GetSkeletonRestPose().IsSameObject(a.restPose));
+
+  // Under a scene that turns the skeleton 90 degrees about Y, moves it 5 along X and doubles it,
+  // with the root resting turned 90 degrees about Z: the module gets rigid world matrices, and
+  // the root's parent is the scene without its scale. The ids depend on the names alone.
+  const Quat sceneTurn = kelvara_test::AxisAngle(0, 1, 0, 90);
+  const Quat rootTurn = kelvara_test::AxisAngle(0, 0, 1, 90);
+  Skeleton placed = f;
+  placed.sceneTransform = kelvara_test::Place(sceneTurn, {5, 0, 0});
+  placed.sceneTransform.v1 = placed.sceneTransform.v1 * 2.0;
+  placed.sceneTransform.v2 = placed.sceneTransform.v2 * 2.0;
+  placed.sceneTransform.v3 = placed.sceneTransform.v3 * 2.0;
+  placed.joints[0].rotation = {rootTurn.w, rootTurn.x, rootTurn.y, rootTurn.z};
+  Character p;
+  ASSERT_TRUE(BuildCharacter(placed, "source", p, error)) << error;
+  // Root: (1,2,3) doubled and turned about Y is (6,4,-2). Arm: (0,4,0) doubled, turned by the
+  // root to -X, by the scene to +Z.
+  const telvo::Matrix rootGlobal = kelvara_test::Place(sceneTurn * rootTurn, {11, 4, -2});
+  const telvo::Matrix expected[][2] = {{rootGlobal, kelvara_test::Place(sceneTurn, {5, 0, 0})},
+                                       {kelvara_test::Place(sceneTurn * rootTurn, {11, 4, 6}), rootGlobal}};
+  for (std::size_t j = 0; j < 2; ++j)
+  {
+    EXPECT_TRUE(p.uuids[j] == a.uuids[j]) << j;
+    const telvo::CharacterNodeTransform t = p.restPose->GetNodeTransformByID(p.uuids[j]).GetValue();
+    ASSERT_TRUE(t) << j;
+    EXPECT_LT(MaxDiff(t->GetGlobalMatrix(), expected[j][0]), 1e-12) << j;
+    EXPECT_LT(MaxDiff(t->GetParentGlobalMatrix(), expected[j][1]), 1e-12) << j;
+    EXPECT_EQ(t->GetGlobalMatrix(), p.restGlobal[j]) << j;
+  }
 }
 
 TEST_F(CharacterTest, PresetsFillTheirFamilies)
 {
   for (const auto& [names, preset] : {std::pair{kStudioNames, "studio"}, std::pair{kGenericNames, "generic"}})
   {
-    const BvhFile f = Humanoid(names);
+    const Skeleton f = Humanoid(names);
     Character c;
     Fill(f, c);
     EXPECT_EQ(c.preset, preset);
@@ -121,9 +151,28 @@ TEST_F(CharacterTest, PresetsFillTheirFamilies)
     EXPECT_TRUE(c.notes.empty()) << preset;
     EXPECT_DOUBLE_EQ(HipHeight(c), 10.0);
   }
+  // The same person authored Z up in centimetres, under a scene transform that stands it Y up in
+  // the units above: it stands, faces and measures as before.
+  Skeleton authored = Humanoid(kStudioNames);
+  const Quat yUpToZUp = kelvara_test::AxisAngle(1, 0, 0, 90);
+  for (Joint& j : authored.joints)
+    j.translation = kelvara_test::Rotate(yUpToZUp, j.translation) * 100.0;
+  authored.sceneTransform = kelvara_test::Place(kelvara_test::Conjugate(yUpToZUp), {});
+  authored.sceneTransform.v1 = authored.sceneTransform.v1 * 0.01;
+  authored.sceneTransform.v2 = authored.sceneTransform.v2 * 0.01;
+  authored.sceneTransform.v3 = authored.sceneTransform.v3 * 0.01;
+  Character standing;
+  Fill(authored, standing);
+  EXPECT_EQ(Parts(standing), kStudioNames);
+  EXPECT_TRUE(standing.notes.empty());
+  EXPECT_NEAR(HipHeight(standing), 10.0, 1e-9);
+  EXPECT_LT(MaxDiff(standing.orientation.up, {0, 1, 0}) + MaxDiff(standing.orientation.forward, {0, 0, 1}) +
+              MaxDiff(standing.orientation.left, {1, 0, 0}),
+            1e-9);
+
   // Studio names read with the CMU keywords: the shoulder is taken for the clavicle and the
   // knee-less legs stay empty.
-  const BvhFile studio = Humanoid(kStudioNames);
+  const Skeleton studio = Humanoid(kStudioNames);
   Character forced;
   Fill(studio, forced, "cmu");
   EXPECT_EQ(forced.preset, "cmu");
@@ -133,7 +182,7 @@ TEST_F(CharacterTest, PresetsFillTheirFamilies)
 TEST_F(CharacterTest, SidesFollowTheRestPose)
 {
   // The same names on a skeleton whose "left" limbs stand on the character's right.
-  const BvhFile mirrored = Humanoid(kStudioNames, -1.0);
+  const Skeleton mirrored = Humanoid(kStudioNames, -1.0);
   Character c;
   Fill(mirrored, c);
   EXPECT_EQ(c.preset, "studio");
@@ -146,9 +195,9 @@ TEST_F(CharacterTest, SidesFollowTheRestPose)
   EXPECT_TRUE(c.bodyParts[kLeftHand]->GetSkeleton()[0] == c.uuids[rightWrist]);
 
   // Turned to face -Z, the same person has its left on -X: names and geometry agree again.
-  BvhFile turned = mirrored;
-  for (BvhJoint& j : turned.joints)
-    j.offset.z = -j.offset.z;
+  Skeleton turned = mirrored;
+  for (Joint& j : turned.joints)
+    j.translation.z = -j.translation.z;
   Character t;
   Fill(turned, t);
   EXPECT_TRUE(t.notes.empty());
@@ -159,7 +208,7 @@ TEST_F(CharacterTest, SidesFollowTheRestPose)
 TEST_F(CharacterTest, AJointFillsOneBodyPartOnly)
 {
   // One spine joint: the generic spine and chest keywords both reach it.
-  const BvhFile file = Humanoid(std::string(kGenericNames).replace(7, 17, "spine1 spine_chest_missing"));
+  const Skeleton file = Humanoid(std::string(kGenericNames).replace(7, 17, "spine1 spine_chest_missing"));
   Character c;
   Fill(file, c, "generic");
   EXPECT_EQ(Parts(c, {kSpine, kChest}), "spine1 (empty)");

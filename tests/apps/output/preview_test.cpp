@@ -1,13 +1,15 @@
-#include "preview.h"
+// Preview pictures read back: panels, sizes, colours, and the requests that are refused.
+#include "output/preview.h"
 
 #include <cairo.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 
-#include "skeleton_pose.h"
+#include "anim/pose.h"
 #include "support/run_app.h"
 
 namespace kelvara
@@ -15,21 +17,40 @@ namespace kelvara
 namespace
 {
 
-// A standing figure, s file units to the unit: hips 5 above the floor, a spine of 4 with a head
-// end 3 above it, two feet. Frame 1 turns the hips 60 degrees about Z, leaning the spine.
-BvhFile Figure(double s, const std::string& path)
+using telvo::Vector;
+
+// A standing figure, s units to the unit: hips 5 above the floor, a spine of 4 with a head end 3
+// above it, two feet with toes ahead. Frame 1 turns the hips 60 degrees about Z, leaning the spine.
+struct Figure
 {
-  auto n = [s](double k) { return " " + std::to_string(k * s); };
-  const std::string text =
-    "HIERARCHY\nROOT Hips { OFFSET 0 0 0 CHANNELS 6 Xposition Yposition Zposition Zrotation Xrotation Yrotation\n"
-    "JOINT Spine { OFFSET 0" + n(4) + " 0 CHANNELS 3 Zrotation Xrotation Yrotation End Site { OFFSET 0" + n(3) +
-    " 0 } }\nJOINT LeftFoot { OFFSET" + n(1) + n(-5) + " 0 CHANNELS 0 End Site { OFFSET 0 0" + n(1) + " } }\n" +
-    "JOINT RightFoot { OFFSET" + n(-1) + n(-5) + " 0 CHANNELS 0 End Site { OFFSET 0 0" + n(1) + " } } }\n" +
-    "MOTION\nFrames: 2\nFrame Time: 0.1\n0" + n(5) + " 0 0 0 0 0 0 0\n0" + n(5) + " 0 60 0 0 0 0 0\n";
-  BvhFile file;
-  std::string error;
-  EXPECT_TRUE(ReadBvhFromBuffer(text, path, file, error)) << error;
-  return file;
+  Skeleton skeleton;
+  Clip clip;
+
+  PreviewClip Preview(const std::string& label) const { return PreviewClip{&skeleton, &clip, label}; }
+};
+
+Figure MakeFigure(double s, const std::string& path)
+{
+  Figure f;
+  f.skeleton.path = path;
+  for (const auto& [name, parent, x, y, end] :
+       {std::tuple{"Hips", -1, 0.0, 0.0, Vector{}}, std::tuple{"Spine", 0, 0.0, 4.0, Vector{0, 3 * s, 0}},
+        std::tuple{"LeftFoot", 0, 1.0, -5.0, Vector{0, 0, s}}, std::tuple{"RightFoot", 0, -1.0, -5.0, Vector{0, 0, s}}})
+  {
+    Joint& j = f.skeleton.joints.emplace_back();
+    j.name = name;
+    j.parent = parent;
+    j.translation = {x * s, y * s, 0};
+    j.hasEndSite = parent >= 0;
+    j.endSite = end;
+  }
+  f.clip.frameCount = 2;
+  f.clip.frameTime = 0.1;
+  f.clip.jointCount = 4;
+  f.clip.rotations.assign(8, Quaternion());
+  f.clip.rotations[4] = AxisAngle({0, 0, 1}, M_PI / 3.0);
+  f.clip.rootTranslation.assign(2, Vector{0, 5 * s, 0});
+  return f;
 }
 
 // Pixels near colour c in the square panel at (x0, y0), and the rows they span.
@@ -60,7 +81,10 @@ TEST_F(Preview, DrawsEveryPanelWithMatchingColoursOnBothSides)
   const std::string path = (_dir / "preview.png").string();
   std::ofstream(path) << "not a png";
   std::string error;
-  ASSERT_TRUE(RenderPreview(Figure(1, "s.bvh"), Figure(10, "t.bvh"), {{1, 1}, {2, 2}}, options, path, error)) << error;
+  const Figure source = MakeFigure(1, "s.bvh");
+  const Figure target = MakeFigure(10, "t.bvh");
+  ASSERT_TRUE(RenderPreview(source.Preview("source"), target.Preview("target"), {{1, 1}, {2, 2}}, options, path, error))
+    << error;
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(_dir), {}), 1) << "a temporary file was left behind";
 
   cairo_surface_t* png = cairo_image_surface_create_from_png(path.c_str());
@@ -77,25 +101,45 @@ TEST_F(Preview, DrawsEveryPanelWithMatchingColoursOnBothSides)
   EXPECT_NEAR(Find(png, 0, 200, 200, MappedBoneColour(0)).second, standing, 2);
   EXPECT_NEAR(Find(png, 0, 400, 200, MappedBoneColour(0)).second, standing / 2.0, 3.0);
   cairo_surface_destroy(png);
+
+  // Two results beside the source, the second in the rest pose only: two columns each, the
+  // pairs coloured in every figure.
+  const Figure other = MakeFigure(3, "u.bvh");
+  const PreviewClip restOnly{&other.skeleton, nullptr, "rest"};
+  ASSERT_TRUE(RenderPreview(source.Preview("source"), {target.Preview("target"), restOnly}, {{1, 1}},
+                            {{kRestFrame}, 128}, path, error))
+    << error;
+  png = cairo_image_surface_create_from_png(path.c_str());
+  ASSERT_EQ(cairo_surface_status(png), CAIRO_STATUS_SUCCESS);
+  EXPECT_EQ(cairo_image_surface_get_width(png), 6 * 128);
+  EXPECT_EQ(cairo_image_surface_get_height(png), 128);
+  for (int panel = 0; panel < 6; ++panel)
+    EXPECT_GT(Find(png, panel * 128, 0, 128, MappedBoneColour(0)).first, 10) << panel;
+  cairo_surface_destroy(png);
 }
 
 TEST_F(Preview, BadRequestsGiveAnErrorAndNoFile)
 {
-  const BvhFile source = Figure(1, "walk.bvh");
-  BvhFile target = Figure(2, "short.bvh");
-  target.frameCount = 1;
-  target.motion.resize(9);
+  const Figure source = MakeFigure(1, "walk.bvh");
+  Figure target = MakeFigure(2, "short.bvh");
+  target.clip.frameCount = 1;
+  target.clip.rotations.resize(4);
+  target.clip.rootTranslation.resize(1);
   PreviewOptions options;
   std::string error;
-  auto refusal = [&](std::vector<int> frames, int panelSize = 96, std::vector<std::pair<int, int>> pairs = {}) {
+  auto refusal = [&](std::vector<int> frames, int panelSize = 96, std::vector<std::pair<int, int>> pairs = {},
+                     bool sourceMoves = true) {
     options.frames = frames;
     options.panelSize = panelSize;
-    EXPECT_FALSE(RenderPreview(source, target, pairs, options, (_dir / "missing/p.png").string(), error));
+    const PreviewClip from{&source.skeleton, sourceMoves ? &source.clip : nullptr, "source"};
+    const std::string path = (_dir / "missing/p.png").string();
+    EXPECT_FALSE(RenderPreview(from, target.Preview("target"), pairs, options, path, error));
     return error;
   };
   const std::pair<std::string, std::string> cases[] = {
     {refusal({0, 5}), "frame 5 is beyond the source clip 'walk.bvh', which has 2 frames (0-1)"},
     {refusal({1}), "frame 1 is beyond the target clip 'short.bvh', which has 1 frames (0-0)"},
+    {refusal({0}, 96, {}, false), "frame 0 is beyond the source clip 'walk.bvh', which has 0 frames"},
     {refusal({-2}), "frame -2 is not a frame number (frames count from 0; -1 is the rest pose)"},
     {refusal({0}, 96, {{1, 4}}), "mapped joint pair 0 (1, 4) is out of range: the source has 4 joints, the target 4"},
     {refusal({0}, 10), "panel size 10 is outside 64-4096 pixels"},
@@ -104,6 +148,7 @@ TEST_F(Preview, BadRequestsGiveAnErrorAndNoFile)
                      (_dir / "missing").string() + "': No such file or directory"}};
   for (const auto& [message, expected] : cases)
     EXPECT_EQ(message, expected);
+  EXPECT_FALSE(std::filesystem::exists(_dir / "missing"));
 }
 
 } // namespace

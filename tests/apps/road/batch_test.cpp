@@ -1,4 +1,7 @@
-// Batches through the built kelvara command, and how they name their outputs.
+// Batches through the built kelvara command, how they name their outputs, and the one set-up of
+// characters they share with single runs.
+#include "road/batch.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -6,9 +9,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "batch.h"
-#include "bvh.h"
-#include "demo.h"
+#include "demo/demo.h"
+#include "demo/demo_character.h"
+#include "io/bvh/bvh_file.h"
+#include "support/loaded_module.h"
 #include "support/run_app.h"
 
 namespace kelvara
@@ -16,25 +20,48 @@ namespace kelvara
 namespace
 {
 
+using kelvara_test::AppOutcome;
 using kelvara_test::ReadWholeFile;
 
-using BatchTest = kelvara_test::AppFolderTest;
+class BatchTest : public kelvara_test::AppFolderTest
+{
+protected:
+  // The demo target, and the demo walk as a.bvh and c.bvh.
+  void SetUp() override
+  {
+    AppFolderTest::SetUp();
+    std::string error;
+    ASSERT_TRUE(WriteBvh((_dir / "target.bvh").string(), MakeDemoTarget(), error)) << error;
+    ASSERT_TRUE(WriteBvhToString(MakeDemoSource(), _walk, error)) << error;
+    std::ofstream(_dir / "a.bvh") << _walk;
+    std::ofstream(_dir / "c.bvh") << _walk;
+  }
+
+  // Everything in the test's folder but the files SetUp wrote and the captured streams.
+  std::vector<std::string> NewFiles() const
+  {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(_dir))
+    {
+      const std::string name = entry.path().filename().string();
+      if (name != "target.bvh" && name != "a.bvh" && name != "c.bvh" && name != "stdout.txt" && name != "stderr.txt")
+        names.push_back(name);
+    }
+    return names;
+  }
+
+  std::string _walk;
+};
 
 // One thread or two, a batch writes what a single-clip run writes, byte for byte.
 TEST_F(BatchTest, BrokenClipIsReportedAndTheOthersAreWrittenAsAlone)
 {
-  std::string text;
-  std::string error;
-  ASSERT_TRUE(WriteBvh((_dir / "target.bvh").string(), MakeDemoTarget(), error)) << error;
-  ASSERT_TRUE(WriteBvhToString(MakeDemoSource(), text, error)) << error;
-  std::ofstream(_dir / "a.bvh") << text;
-  std::ofstream(_dir / "c.bvh") << text;
-  std::ofstream(_dir / "b.bvh") << text.substr(0, 200);
+  std::ofstream(_dir / "b.bvh") << _walk.substr(0, 200);
   ASSERT_EQ(Kelvara("retarget a.bvh --target target.bvh -o single.bvh -q").status, 0);
   const std::string single = ReadWholeFile(_dir / "single.bvh");
   ASSERT_FALSE(single.empty());
 
-  const auto run = Kelvara("retarget a.bvh b.bvh c.bvh --target target.bvh -o out --jobs 2 --report r.json");
+  const AppOutcome run = Kelvara("retarget a.bvh b.bvh c.bvh --target target.bvh -o out --jobs 2 --report r.json");
   EXPECT_EQ(run.status, 2) << run.err;
   EXPECT_TRUE(ReadWholeFile(_dir / "out/a.bvh") == single && ReadWholeFile(_dir / "out/c.bvh") == single);
   EXPECT_FALSE(std::filesystem::exists(_dir / "out/b.bvh"));
@@ -54,19 +81,79 @@ TEST_F(BatchTest, BrokenClipIsReportedAndTheOthersAreWrittenAsAlone)
   EXPECT_FALSE(std::filesystem::exists(_dir / "out2"));
 }
 
-TEST(BatchNames, OutputPathsAndSkeletons)
+// A batch reads its characters as a single run does: a saved source character that is missing
+// stops both with the same message before anything is written; saved characters on both sides
+// give what the files they were saved from give.
+TEST_F(BatchTest, SavedCharactersServeBatchesAsSingleRuns)
 {
-  EXPECT_EQ(BatchOutputPath("out", "clips/walk.fast.bvh"), "out/walk.fast.bvh");
-  EXPECT_EQ(BatchOutputPath("out/", "run.BVH"), "out/run.bvh");
-  EXPECT_EQ(OutputCollision("out", {"a/walk.bvh", "b/run.bvh"}), "");
-  EXPECT_NE(OutputCollision("out", {"a/walk.bvh", "b/run.bvh", "c/walk.bvh"}).find("a/walk.bvh and c/walk.bvh"),
-            std::string::npos);
-  const BvhFile walk = MakeDemoSource(10);
-  BvhFile longer = MakeDemoSource(20);
-  EXPECT_TRUE(SameSkeleton(walk, longer));
-  longer.joints[3].offset.y += 1e-9;
-  EXPECT_FALSE(SameSkeleton(walk, longer));
-  EXPECT_FALSE(SameSkeleton(walk, MakeDemoTarget()));
+  const AppOutcome single = Kelvara("retarget a.bvh --target target.bvh --source-character missing.json -o one.bvh");
+  const AppOutcome batch =
+    Kelvara("retarget a.bvh c.bvh --target target.bvh --source-character missing.json -o out --jobs 2");
+  EXPECT_EQ(single.status, 2) << single.err;
+  EXPECT_EQ(batch.status, 2) << batch.err;
+  EXPECT_EQ(batch.err, "kelvara: cannot read 'missing.json'\n");
+  EXPECT_EQ(single.err, batch.err);
+  EXPECT_EQ(NewFiles(), std::vector<std::string>{});
+
+  ASSERT_EQ(Kelvara("retarget a.bvh --target target.bvh -o plain.bvh -q").status, 0);
+  const std::string plain = ReadWholeFile(_dir / "plain.bvh");
+  ASSERT_FALSE(plain.empty());
+  ASSERT_EQ(Kelvara("character target.bvh -o target.json").status, 0);
+  ASSERT_EQ(Kelvara("character a.bvh -o walk.json").status, 0);
+  const AppOutcome ontoSaved = Kelvara("retarget a.bvh c.bvh --target target.json -o onto --jobs 2");
+  ASSERT_EQ(ontoSaved.status, 0) << ontoSaved.err;
+  EXPECT_TRUE(ReadWholeFile(_dir / "onto/a.bvh") == plain && ReadWholeFile(_dir / "onto/c.bvh") == plain);
+  const AppOutcome saved = Kelvara("retarget a.bvh --target target.json --source-character walk.json -o saved.bvh -q");
+  ASSERT_EQ(saved.status, 0) << saved.err;
+  const AppOutcome savedBatch =
+    Kelvara("retarget a.bvh c.bvh --target target.json --source-character walk.json -o out --jobs 2");
+  ASSERT_EQ(savedBatch.status, 0) << savedBatch.err;
+  EXPECT_TRUE(ReadWholeFile(_dir / "saved.bvh") == plain);
+  EXPECT_TRUE(ReadWholeFile(_dir / "out/a.bvh") == plain && ReadWholeFile(_dir / "out/c.bvh") == plain);
+
+  // The saved source stands for every clip's skeleton: a clip of another skeleton fails alone.
+  std::string error;
+  ASSERT_TRUE(WriteBvh((_dir / "other.bvh").string(), MakeDemoTarget(), error)) << error;
+  const AppOutcome mixed =
+    Kelvara("retarget a.bvh other.bvh --target target.json --source-character walk.json -o mixed --jobs 2");
+  EXPECT_EQ(mixed.status, 2) << mixed.err;
+  EXPECT_TRUE(ReadWholeFile(_dir / "mixed/a.bvh") == plain);
+  EXPECT_FALSE(std::filesystem::exists(_dir / "mixed/other.bvh"));
+  EXPECT_NE(mixed.err.find("kelvara: other.bvh: expected the 22 joints of walk.json, found 21\n"), std::string::npos)
+    << mixed.err;
+}
+
+TEST(BatchNames, OutputPathsAndCollisions)
+{
+  EXPECT_EQ(BatchOutputPath("out", "clips/walk.fast.bvh", ".bvh"), "out/walk.fast.bvh");
+  EXPECT_EQ(BatchOutputPath("out/", "run.BVH", ".bvh"), "out/run.bvh");
+  EXPECT_EQ(BatchOutputPath("out", "clips/walk.fbx", ".glb"), "out/walk.glb");
+  BatchSettings settings;
+  settings.outDir = "out";
+  settings.sources = {"a/walk.bvh", "b/run.bvh"};
+  EXPECT_EQ(OutputCollision(settings), "");
+  // Sources of other formats collide by their names alone.
+  settings.sources.push_back("c/walk.glb");
+  EXPECT_EQ(OutputCollision(settings),
+            "expected sources of distinct names, found a/walk.bvh and c/walk.glb both writing out/walk.bvh");
+}
+
+// Clips of one skeleton share one prepared side, whatever their length; the smallest change of a
+// rest offset makes another.
+TEST(BatchRoad, ClipsOfOneSkeletonShareOnePreparedSide)
+{
+  kelvara_test::LoadedModuleForTests();
+  Road road{RoadOptions()};
+  Problem problem;
+  ASSERT_TRUE(road.Setup(DemoTargetFile(), problem)) << problem.message;
+  const SourceSide& walk = road.SideFor(DemoSourceFile(10).skeleton);
+  ASSERT_TRUE(walk.Ok()) << walk.problem.message;
+  EXPECT_EQ(&road.SideFor(DemoSourceFile(20).skeleton), &walk);
+  Skeleton moved = DemoSourceFile(10).skeleton;
+  moved.joints[3].translation.y += 1e-9;
+  const SourceSide& other = road.SideFor(moved);
+  EXPECT_NE(&other, &walk);
+  EXPECT_EQ(&road.SideFor(moved), &other);
 }
 
 } // namespace

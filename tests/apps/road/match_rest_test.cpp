@@ -1,4 +1,6 @@
 // The retarget road and its rest-pose matching: rotation fits and retargets with known answers.
+#include "road/match_rest.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,11 +9,10 @@
 #include <numbers>
 #include <tuple>
 
-#include "demo.h"
-#include "match_rest.h"
-#include "retarget.h"
-#include "rotation.h"
-#include "skeleton_pose.h"
+#include "anim/pose.h"
+#include "demo/demo_character.h"
+#include "io/animation_file.h"
+#include "road/retarget.h"
 #include "support/helper_fixture.h"
 #include "support/quaternion.h"
 
@@ -21,6 +22,7 @@ namespace
 {
 
 using kelvara_test::MaxDiff;
+using kelvara_test::Quat;
 using telvo::Matrix;
 using telvo::Vector;
 
@@ -28,28 +30,34 @@ const char* const kCmuClip = "/usr/share/assimp/models/BVH/01_01.bvh";
 constexpr double kDegrees = std::numbers::pi / 180.0;
 using Chains = std::vector<std::vector<std::pair<const char*, const char*>>>; // joints: target, source
 
-std::size_t Joint(const BvhFile& file, const std::string& name)
+Quaternion FromTest(const Quat& q)
 {
-  for (std::size_t j = 0; j < file.joints.size(); ++j)
-    if (file.joints[j].name == name)
-      return j;
-  ADD_FAILURE() << "no joint " << name;
-  return 0;
+  return {q.w, q.x, q.y, q.z};
+}
+
+std::size_t JointOf(const Skeleton& skeleton, const std::string& name)
+{
+  const int j = skeleton.FindJoint(name);
+  if (j < 0)
+    ADD_FAILURE() << "no joint " << name;
+  return j < 0 ? 0 : static_cast<std::size_t>(j);
 }
 
 // How far from degrees, at most, the angle between output's bones and source's is in any frame.
-double BoneError(const BvhFile& source, const BvhFile& output, const Chains& chains, double degrees)
+double BoneError(const Skeleton& source, const Clip& clip, const Skeleton& target, const Clip& output,
+                 const Chains& chains, double degrees)
 {
   double worst = 0.0;
-  for (int frame = 0; frame < source.frameCount; ++frame)
+  WorldPose sw;
+  WorldPose tw;
+  for (int frame = 0; frame < clip.frameCount; ++frame)
   {
-    const std::vector<Matrix> sw = WorldMatrices(source, frame);
-    const std::vector<Matrix> tw = WorldMatrices(output, frame);
+    EXPECT_TRUE(sw.Evaluate(source, &clip, frame) && tw.Evaluate(target, &output, frame)) << frame;
     for (const auto& chain : chains)
       for (std::size_t i = 1; i < chain.size(); ++i)
       {
-        const Vector s = sw.at(Joint(source, chain[i].second)).off - sw.at(Joint(source, chain[i - 1].second)).off;
-        const Vector t = tw.at(Joint(output, chain[i].first)).off - tw.at(Joint(output, chain[i - 1].first)).off;
+        const Vector s = sw[JointOf(source, chain[i].second)].off - sw[JointOf(source, chain[i - 1].second)].off;
+        const Vector t = tw[JointOf(target, chain[i].first)].off - tw[JointOf(target, chain[i - 1].first)].off;
         worst = std::max(worst, std::fabs(degrees - AngleDegrees(s, t)));
       }
   }
@@ -65,15 +73,21 @@ TEST(RestRotations, MinimalRotationTurnsOntoTheTargetByTheLeastAngle)
     const Matrix r = MinimalRotation(from, to);
     EXPECT_NEAR(telvo::Determinant3(r), 1.0, 1e-12);
     EXPECT_LT(AngleDegrees(telvo::TransformDirection(r, from), to), 1e-6);
+    // The angle of r from its skew part and its trace: acos of the trace alone is ill-conditioned
+    // near half a turn.
     const double trace = r.v1.x + r.v2.y + r.v3.z;
-    EXPECT_NEAR(std::acos(std::clamp((trace - 1.0) / 2.0, -1.0, 1.0)) / kDegrees, AngleDegrees(from, to), 1e-6);
+    const double skew = telvo::Length({r.v2.z - r.v3.y, r.v3.x - r.v1.z, r.v1.y - r.v2.x});
+    EXPECT_NEAR(std::atan2(skew / 2.0, (trace - 1.0) / 2.0) / kDegrees, AngleDegrees(from, to), 1e-6);
   }
   EXPECT_EQ(MinimalRotation({}, {1, 0, 0}), Matrix());
 }
 
 TEST(RestRotations, BestFitRecoversAKnownRotationAndKeepsRollOnALine)
 {
-  const Matrix known = AxisRotation(0, 0.4) * AxisRotation(1, -1.1) * AxisRotation(2, 2.5);
+  const Matrix known = kelvara_test::Place(kelvara_test::AxisAngle(1, 0, 0, 0.4 / kDegrees) *
+                                             kelvara_test::AxisAngle(0, 1, 0, -1.1 / kDegrees) *
+                                             kelvara_test::AxisAngle(0, 0, 1, 2.5 / kDegrees),
+                                           {});
   std::vector<Vector> from = {{1, 0, 0}, {0, 3, 0}, {-1, -1, 0.2}, {0.1, 0.2, -4}};
   std::vector<Vector> to = from;
   for (Vector& v : to)
@@ -101,20 +115,25 @@ TEST(RestRotations, BestFitRecoversAKnownRotationAndKeepsRollOnALine)
 // root -> a -> twist (unmapped, of no length in the source) -> b, and root -> c.
 TEST(RestMatch, MatchesBonesThroughUnmappedJointsAndKeepsTheirLocalRotations)
 {
-  BvhFile target;
-  target.joints = {{"root", -1, {0, 0, 0}, {}, false, {}, 0, 0},
-                   {"a", 0, {0, 1, 0}, {}, false, {}, 0, 0},
-                   {"twist", 1, {0, 1, 0}, {}, false, {}, 0, 0},
-                   {"b", 2, {0, 1, 0}, {}, true, {0, 1, 0}, 0, 0},
-                   {"c", 0, {1, 0, 0}, {}, true, {1, 0, 0}, 0, 0}};
-  BvhFile source = target;
-  source.joints[1].offset = {0, 0, 2};
-  source.joints[2].offset = {0, 0, 0};
-  source.joints[3].offset = {1, 0, 1};
-  source.joints[4].offset = {3, 0, 0};
+  Skeleton target;
+  for (const auto& [name, parent, translation] :
+       {std::tuple{"root", -1, Vector{0, 0, 0}}, std::tuple{"a", 0, Vector{0, 1, 0}},
+        std::tuple{"twist", 1, Vector{0, 1, 0}}, std::tuple{"b", 2, Vector{0, 1, 0}},
+        std::tuple{"c", 0, Vector{1, 0, 0}}})
+  {
+    Joint& j = target.joints.emplace_back();
+    j.name = name;
+    j.parent = parent;
+    j.translation = translation;
+  }
+  Skeleton source = target;
+  source.joints[1].translation = {0, 0, 2};
+  source.joints[2].translation = {0, 0, 0};
+  source.joints[3].translation = {1, 0, 1};
+  source.joints[4].translation = {3, 0, 0};
   const std::vector<int> sourceOfTarget = {0, 1, -1, 3, 4};
-  const std::vector<Matrix> targetRest = WorldMatrices(target, kRestFrame);
-  const std::vector<Matrix> sourceRest = WorldMatrices(source, kRestFrame);
+  const std::vector<Matrix> targetRest = RestWorld(target);
+  const std::vector<Matrix> sourceRest = RestWorld(source);
   const std::vector<Matrix> matched = MatchRestPose(target, targetRest, sourceRest, sourceOfTarget);
 
   const std::vector<MappedBone> bones = MappedBones(target, sourceOfTarget, sourceRest, targetRest);
@@ -129,23 +148,42 @@ TEST(RestMatch, MatchesBonesThroughUnmappedJointsAndKeepsTheirLocalRotations)
 class RetargetRoad : public kelvara_test::HelperTest
 {
 protected:
-  // Runs job on the target's own rest or on the one matched to the source's.
-  void Retarget(const BvhFile& source, const BvhFile& target, RetargetJob& job, bool matchRest = false)
+  // Runs clip onto target on the target's own rest or on the one matched to the source's; prepared
+  // brings the options and keeps the pairing.
+  void Retarget(const Skeleton& source, const Clip& clip, const Skeleton& target, PreparedRetarget& prepared,
+                Clip& output, bool matchRest = false)
   {
+    _sourceSkeleton = source;
+    _targetSkeleton = target;
     std::string error;
-    ASSERT_TRUE(BuildCharacter(source, "source", _source, error) && ChooseAndFillPreset(_source, _helper, "", error) &&
-                BuildCharacter(target, "target", _target, error) && ChooseAndFillPreset(_target, _helper, "", error))
+    ASSERT_TRUE(BuildCharacter(_sourceSkeleton, "source", _source, error) &&
+                ChooseAndFillPreset(_source, _helper, "", error) &&
+                BuildCharacter(_targetSkeleton, "target", _target, error) &&
+                ChooseAndFillPreset(_target, _helper, "", error))
       << error;
-    job.source = &_source;
-    job.target = &_target;
-    job.helper = _helper;
-    ASSERT_TRUE(job.Validate(error)) << error;
+    prepared.source = &_source;
+    prepared.target = &_target;
+    prepared.helper = _helper;
+    ASSERT_TRUE(prepared.Prepare(error)) << error;
     if (matchRest)
-      job.targetRest = MatchCharacterRest(_source, _target, job.sourceOfTarget).targetRest;
-    ASSERT_TRUE(job.Run(error)) << error;
-    ASSERT_TRUE(job.output.frameCount == source.frameCount && job.output.frameTime == source.frameTime);
+      prepared.targetRest = MatchCharacterRest(_source, _target, prepared.sourceOfTarget).targetRest;
+    ClipRetarget run;
+    ASSERT_TRUE(run.Setup(prepared, error) && run.Run(clip, output, error)) << error;
+    ASSERT_TRUE(output.frameCount == clip.frameCount && output.frameTime == clip.frameTime &&
+                output.jointCount == static_cast<int>(target.Size()));
   }
 
+  // Runs and keeps only the output.
+  Clip Retarget(const Skeleton& source, const Clip& clip, const Skeleton& target, bool matchRest = false)
+  {
+    PreparedRetarget prepared;
+    Clip output;
+    Retarget(source, clip, target, prepared, output, matchRest);
+    return output;
+  }
+
+  Skeleton _sourceSkeleton;
+  Skeleton _targetSkeleton;
   Character _source;
   Character _target;
 };
@@ -154,106 +192,156 @@ protected:
 // degrees from the target's straight ones. An unmapped joint added to the target keeps its rest.
 TEST_F(RetargetRoad, RestDifferencesShowInEveryFrameUntilMatched)
 {
-  BvhFile target = MakeDemoTarget();
-  BvhJoint prop = target.joints.back();
+  Skeleton target = DemoTargetFile().skeleton;
+  Joint prop = target.joints.back();
   prop.name = "prop";
-  prop.parent = static_cast<int>(target.joints.size()) - 1;
-  prop.firstChannel = target.channelCount;
+  prop.parent = static_cast<int>(target.Size()) - 1;
   target.joints.back().hasEndSite = false;
   target.joints.push_back(prop);
-  target.channelCount += static_cast<int>(prop.channels.size());
-  target.motion.assign(static_cast<std::size_t>(target.channelCount), 0.0);
-  BvhFile splayed = MakeDemoSource(90);
+  const std::size_t propIndex = target.Size() - 1;
+  const AnimationFile walk = DemoSourceFile(120);
+  AnimationFile splayed = DemoSourceFile(90);
   for (const char* name : {"LeftLeg", "LeftFoot", "RightLeg", "RightFoot"})
   {
-    BvhJoint& j = splayed.joints[Joint(splayed, name)];
-    j.offset = telvo::TransformDirection(AxisRotation(2, (name[0] == 'L' ? 20.0 : -20.0) * kDegrees), j.offset);
+    Joint& j = splayed.skeleton.joints[JointOf(splayed.skeleton, name)];
+    const double degrees = name[0] == 'L' ? 20.0 : -20.0;
+    j.translation = kelvara_test::Rotate(kelvara_test::AxisAngle(0, 0, 1, degrees), j.translation);
   }
   const Chains arms = {{{"upperarm_l", "LeftArm"}, {"lowerarm_l", "LeftForeArm"}, {"hand_l", "LeftHand"}},
                        {{"upperarm_r", "RightArm"}, {"lowerarm_r", "RightForeArm"}, {"hand_r", "RightHand"}}};
   const Chains legs = {{{"thigh_l", "LeftUpLeg"}, {"calf_l", "LeftLeg"}, {"foot_l", "LeftFoot"}},
                        {{"thigh_r", "RightUpLeg"}, {"calf_r", "RightLeg"}, {"foot_r", "RightFoot"}}};
-  const std::tuple<BvhFile, Chains, double> cases[] = {{MakeDemoSource(120), arms, 45.0}, {splayed, legs, 20.0}};
+  const std::tuple<const AnimationFile*, Chains, double> cases[] = {{&walk, arms, 45.0}, {&splayed, legs, 20.0}};
   for (const auto& [source, bones, degrees] : cases)
   {
     SCOPED_TRACE(degrees);
-    RetargetJob plain;
-    RetargetJob match;
-    Retarget(source, target, plain);
-    Retarget(source, target, match, true);
-    EXPECT_LT(BoneError(source, plain.output, bones, degrees), 1e-6); // in every frame
-    EXPECT_LT(BoneError(source, match.output, bones, 0.0), 1e-6);
-    for (int frame = 0; frame < match.output.frameCount; ++frame)
-    {
-      const double* row = match.output.motion.data() + static_cast<std::size_t>(frame * match.output.channelCount);
-      ASSERT_LT(MaxDiff(RotationFromChannels(prop.channels, row + prop.firstChannel), Matrix()), 1e-9) << frame;
-    }
+    const Clip plain = Retarget(source->skeleton, source->clip, target);
+    const Clip matched = Retarget(source->skeleton, source->clip, target, true);
+    EXPECT_LT(BoneError(source->skeleton, source->clip, target, plain, bones, degrees), 1e-6); // in every frame
+    EXPECT_LT(BoneError(source->skeleton, source->clip, target, matched, bones, 0.0), 1e-6);
+    for (int frame = 0; frame < matched.frameCount; ++frame)
+      ASSERT_EQ(matched.FrameRotations(frame)[propIndex], prop.rotation) << frame;
   }
 }
 
 // The walk's own skeleton at twice the size matches already.
 TEST_F(RetargetRoad, MatchingAMatchingRestChangesNothing)
 {
-  const BvhFile source = MakeDemoSource(60);
-  BvhFile target = source;
-  for (BvhJoint& j : target.joints)
-    j.offset = j.offset * 2.0;
-  RetargetJob plain;
-  RetargetJob matched;
-  Retarget(source, target, plain);
-  Retarget(source, target, matched, true);
-  ASSERT_EQ(plain.output.motion.size(), matched.output.motion.size());
-  for (std::size_t i = 0; i < plain.output.motion.size(); ++i)
-    ASSERT_NEAR(plain.output.motion[i], matched.output.motion[i], 1e-9) << i;
+  const AnimationFile walk = DemoSourceFile(60);
+  Skeleton target = walk.skeleton;
+  for (Joint& j : target.joints)
+    j.translation = j.translation * 2.0;
+  const Clip plain = Retarget(walk.skeleton, walk.clip, target);
+  const Clip matched = Retarget(walk.skeleton, walk.clip, target, true);
+  ASSERT_EQ(plain.rotations.size(), matched.rotations.size());
+  for (std::size_t i = 0; i < plain.rotations.size(); ++i)
+    ASSERT_LT(AngleBetweenDegrees(plain.rotations[i], matched.rotations[i]), 1e-7) << i;
+  for (int frame = 0; frame < plain.frameCount; ++frame)
+    ASSERT_LT(MaxDiff(plain.rootTranslation[static_cast<std::size_t>(frame)],
+                      matched.rootTranslation[static_cast<std::size_t>(frame)]),
+              1e-9);
+}
+
+// The demo target again, its joints resting turned as a glTF rig's do, with offsets that put every
+// joint where it was: the bones go where the unturned target's go, with and without matching.
+TEST_F(RetargetRoad, RestRotationsOfTheTargetLeaveItsBonesWhereTheyWere)
+{
+  const AnimationFile walk = DemoSourceFile(40);
+  const Skeleton target = DemoTargetFile().skeleton;
+  Skeleton turned = target;
+  std::vector<Quat> world(target.Size());
+  for (std::size_t j = 0; j < target.Size(); ++j)
+  {
+    const double k = static_cast<double>(j);
+    const Quat rest = kelvara_test::AxisAngle(1.0, static_cast<double>(j % 3), 2.0, 10.0 + 7.0 * k);
+    const int parent = target.joints[j].parent;
+    const Quat parentWorld = parent < 0 ? Quat() : world[static_cast<std::size_t>(parent)];
+    world[j] = parentWorld * rest;
+    turned.joints[j].rotation = FromTest(rest);
+    turned.joints[j].translation =
+      kelvara_test::Rotate(kelvara_test::Conjugate(parentWorld), target.joints[j].translation);
+  }
+  for (bool matchRest : {false, true})
+  {
+    SCOPED_TRACE(matchRest);
+    const Clip plain = Retarget(walk.skeleton, walk.clip, target, matchRest);
+    const Clip rotated = Retarget(walk.skeleton, walk.clip, turned, matchRest);
+    WorldPose a;
+    WorldPose b;
+    for (int frame = 0; frame < plain.frameCount; ++frame)
+    {
+      ASSERT_TRUE(a.Evaluate(target, &plain, frame) && b.Evaluate(turned, &rotated, frame));
+      for (std::size_t j = 0; j < target.Size(); ++j)
+        ASSERT_LT(MaxDiff(a[j].off, b[j].off), 1e-9) << frame << " " << target.joints[j].name;
+    }
+  }
 }
 
 // The clip (resting unturned, root at the origin) onto its skeleton renamed as a game rig, with
 // other bone lengths, legs half again as long, and a map giving the left hand the right hand's.
+// The same rig also stands under an armature authored Z up in centimetres whose root bone turns
+// it back: the world it stands in is the same, and so must the result be.
 TEST_F(RetargetRoad, OntoOtherNamesAndLengthsFollowsTheSourceAndTheMap)
 {
   if (!std::filesystem::exists(kCmuClip))
     GTEST_SKIP() << kCmuClip << " is not installed";
-  BvhFile clip;
+  AnimationFile clip;
   std::string error;
-  ASSERT_TRUE(ReadBvh(kCmuClip, clip, error)) << error;
-  BvhFile target = clip;
-  for (std::size_t j = 0; j < target.joints.size(); ++j)
+  ASSERT_TRUE(ReadAnimationFile(kCmuClip, ReadRequest(), clip, error)) << error;
+  const Skeleton& source = clip.skeleton;
+  Skeleton target = source;
+  for (std::size_t j = 0; j < target.Size(); ++j)
   {
     std::string& name = target.joints[j].name;
     const bool leg = name.find("Leg") != std::string::npos || name.find("Foot") != std::string::npos ||
                      name.find("Toe") != std::string::npos;
     name = "rig:" + name + (j % 2 == 0 ? "" : "_x");
-    target.joints[j].offset = target.joints[j].offset * (leg ? 1.5 : 0.5 + 0.05 * static_cast<double>(j));
+    target.joints[j].translation = target.joints[j].translation * (leg ? 1.5 : 0.5 + 0.05 * static_cast<double>(j));
   }
-  target.joints[0].offset = {1.0, 2.0, 3.0};
-  const std::size_t left = Joint(clip, "LeftHand");
-  const std::size_t right = Joint(clip, "RightHand");
+  target.joints[0].translation = {1.0, 2.0, 3.0};
+  const Quat zUpToYUp = kelvara_test::AxisAngle(1, 0, 0, -90);
+  Skeleton armature = target;
+  armature.sceneTransform = kelvara_test::Place(zUpToYUp, {});
+  armature.sceneTransform.v1 = armature.sceneTransform.v1 * 0.01;
+  armature.sceneTransform.v2 = armature.sceneTransform.v2 * 0.01;
+  armature.sceneTransform.v3 = armature.sceneTransform.v3 * 0.01;
+  armature.joints[0].rotation = FromTest(kelvara_test::Conjugate(zUpToYUp));
+  armature.joints[0].translation = kelvara_test::Rotate(kelvara_test::Conjugate(zUpToYUp), {100, 200, 300});
+  for (std::size_t j = 1; j < armature.Size(); ++j)
+    armature.joints[j].translation = armature.joints[j].translation * 100.0;
+
+  const std::size_t left = JointOf(source, "LeftHand");
+  const std::size_t right = JointOf(source, "RightHand");
   std::vector<JointPair> pairs;
   const std::string map = "{\"" + target.joints[left].name + "\": \"RightHand\"}";
-  ASSERT_TRUE(ParseJointMap(map, "m.json", clip, target, pairs, error)) << error;
-  for (const auto& [rootMotion, rootScale, applied] :
-       {std::tuple{true, 0.0, 1.5}, std::tuple{false, 0.0, 0.0}, std::tuple{true, 0.25, 0.25}})
+  ASSERT_TRUE(ParseJointMap(map, "m.json", source, target, pairs, error)) << error;
+  for (const auto& [rootMotion, rootScale, applied, onto] :
+       {std::tuple{true, 0.0, 1.5, &target}, std::tuple{false, 0.0, 0.0, &target},
+        std::tuple{true, 0.25, 0.25, &target}, std::tuple{true, 0.0, 1.5, &armature}})
   {
-    SCOPED_TRACE(applied);
-    RetargetJob job;
-    job.mapPairs = pairs;
-    job.rootMotion = rootMotion;
-    job.rootScale = rootScale;
-    Retarget(clip, target, job);
-    EXPECT_TRUE(job.pairOrigin[left] == "map" && job.sourceOfTarget[right] == -1);
-    EXPECT_GE(std::count_if(job.sourceOfTarget.begin(), job.sourceOfTarget.end(), [](int s) { return s >= 0; }), 20);
-    EXPECT_TRUE(!rootMotion || std::abs(job.appliedRootScale - applied) < 1e-12) << job.appliedRootScale;
+    SCOPED_TRACE(testing::Message() << applied << (onto == &armature ? " armature" : ""));
+    PreparedRetarget prepared;
+    prepared.mapPairs = pairs;
+    prepared.rootMotion = rootMotion;
+    prepared.rootScale = rootScale;
+    Clip output;
+    Retarget(source, clip.clip, *onto, prepared, output);
+    EXPECT_TRUE(prepared.pairOrigin[left] == "map" && prepared.sourceOfTarget[right] == -1);
+    const std::vector<int>& paired = prepared.sourceOfTarget;
+    EXPECT_GE(std::count_if(paired.begin(), paired.end(), [](int s) { return s >= 0; }), 20);
+    EXPECT_TRUE(!rootMotion || std::abs(prepared.appliedRootScale - applied) < 1e-12) << prepared.appliedRootScale;
     double worst = 0.0;
-    for (int frame = 0; frame < clip.frameCount; frame += 3)
+    WorldPose in;
+    WorldPose out;
+    for (int frame = 0; frame < clip.clip.frameCount; frame += 3)
     {
-      const std::vector<Matrix> in = WorldMatrices(clip, frame);
-      const std::vector<Matrix> out = WorldMatrices(job.output, frame);
-      for (std::size_t t = 0; t < out.size(); ++t)
+      ASSERT_TRUE(in.Evaluate(source, &clip.clip, frame) && out.Evaluate(*onto, &output, frame));
+      for (std::size_t t = 0; t < out.Size(); ++t)
       {
         const std::size_t s = t == left ? right : t;
-        if (job.sourceOfTarget[t] < 0)
+        if (prepared.sourceOfTarget[t] < 0)
           continue;
-        ASSERT_EQ(job.sourceOfTarget[t], static_cast<int>(s)) << t;
+        ASSERT_EQ(prepared.sourceOfTarget[t], static_cast<int>(s)) << t;
         worst = std::max(worst, MaxDiff(telvo::Rotation3(in[s]), telvo::Rotation3(out[t])));
       }
       // The root stands on its own offset and moves by the source's travel, scaled.
