@@ -32,6 +32,13 @@ async function rotations() {
   // Textures need a browser to decode; the skeleton and its animation do not.
   const quiet = console.warn;
   console.warn = () => {};
+  // Buffers embedded in a .gltf are data uris, which the loader fetches with progress events.
+  globalThis.ProgressEvent ??= class extends Event {
+    constructor(type, init = {}) {
+      super(type);
+      Object.assign(this, init);
+    }
+  };
   const gltf = await new Promise((resolve, reject) =>
     new GLTFLoader().parse(bytes.buffer.slice(bytes.byteOffset, bytes.byteOffset + bytes.byteLength), '', resolve, reject));
   console.warn = quiet;
@@ -43,18 +50,31 @@ async function rotations() {
   action.setLoop(THREE.LoopOnce);
   action.clampWhenFinished = true;
   action.play();
-  const objects = await Promise.all(expected.nodes.map((n) => gltf.parser.getDependency('node', n.node)));
+  // The scene's own object of each node (the loader's associations say which node made which).
+  const byNode = new Map();
+  scene.traverse((object) => {
+    const association = gltf.parser.associations.get(object);
+    if (association && association.nodes !== undefined && !byNode.has(association.nodes)) byNode.set(association.nodes, object);
+  });
+  const objects = expected.nodes.map((n) => {
+    if (!byNode.has(n.node)) throw new Error(`node ${n.node} is not in the scene of ${file}`);
+    return byNode.get(n.node);
+  });
   const q = new THREE.Quaternion();
   let maxDegrees = 0;
   let worst = null;
   expected.times.forEach((t, f) => {
-    mixer.setTime(t);
+    // Key times are 32-bit floats: played at a key's own time, the key's value is what shows.
+    mixer.setTime(Math.fround(t));
     scene.updateMatrixWorld(true);
     expected.nodes.forEach((n, k) => {
       objects[k].getWorldQuaternion(q);
-      const [x, y, z, w] = n.rotations[f];
-      const dot = Math.min(1, Math.abs(q.x * x + q.y * y + q.z * z + q.w * w));
-      const degrees = (2 * Math.acos(dot) * 180) / Math.PI;
+      // The angle of the turn from the expected rotation to the shown one, from the relative
+      // quaternion's parts (acos of a dot product near 1 would turn the 32-bit keys' rounding
+      // into hundredths of a degree).
+      const e = new THREE.Quaternion(...n.rotations[f]).normalize().invert();
+      const r = e.multiply(q.clone().normalize());
+      const degrees = (2 * Math.atan2(Math.hypot(r.x, r.y, r.z), Math.abs(r.w)) * 180) / Math.PI;
       if (degrees > maxDegrees) {
         maxDegrees = degrees;
         worst = { node: n.node, frame: f };

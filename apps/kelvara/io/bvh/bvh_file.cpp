@@ -381,7 +381,7 @@ private:
     const int countLine = line_;
     long long frames = 0;
     if (!ParseCount(countText, frames) || frames < 0)
-      return Fail(countLine, "a frame count", Describe(countText));
+      return Fail(countLine, "a frame count", countText.empty() ? "end of line" : Describe(countText));
     if (frames > kMaxBvhFrames)
       return Fail(countLine, "at most " + std::to_string(kMaxBvhFrames) + " frames", Describe(countText));
     std::string_view timeText;
@@ -389,7 +389,7 @@ private:
       return false;
     double frameTime = 0.0;
     if (timeText.empty() || !ParseNumber(timeText.data(), timeText.data() + timeText.size(), frameTime))
-      return Fail(line_, "a frame time", Describe(timeText));
+      return Fail(line_, "a frame time", timeText.empty() ? "end of line" : Describe(timeText));
     if (!(frameTime > 0.0))
       return Fail(line_, "a positive frame time", Describe(timeText));
     out_.frameTime = frameTime;
@@ -425,7 +425,7 @@ private:
       if (read < frames)
         out_.warnings.push_back(name_ + ":" + std::to_string(countLine) + ": \"Frames:\" declares " +
                                 std::to_string(frames) + " frames, the file holds " + std::to_string(read) +
-                                " complete ones; " + std::to_string(read) + " read");
+                                (read == 1 ? " complete one; " : " complete ones; ") + std::to_string(read) + " read");
     }
     else
       read = frames;
@@ -434,7 +434,7 @@ private:
     {
       const int extraLine = line_;
       int extra = 1;
-      while (NextNonBlankLine(lineEnd))
+      for (p_ = lineEnd; NextNonBlankLine(lineEnd); p_ = lineEnd)
         ++extra;
       out_.warnings.push_back(name_ + ":" + std::to_string(extraLine) + ": " + std::to_string(extra) +
                               (extra == 1 ? " line" : " lines") + " after the " + std::to_string(frames) +
@@ -518,6 +518,9 @@ private:
       double v;
       if (!ParseNumber(s, q, v))
       {
+        // A number cut off by the end of the file is a frame cut short, not a broken one.
+        if (q == end_)
+          break;
         Fail(line_, "a number", Describe(std::string_view(s, static_cast<std::size_t>(q - s))));
         return Row::kBroken;
       }

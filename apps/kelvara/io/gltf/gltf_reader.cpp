@@ -550,7 +550,7 @@ double FrameTimeOf(const std::vector<Track>& tracks)
     return 1.0 / 30.0;
   const double fps = 1.0 / step;
   const double whole = std::round(fps);
-  return whole >= 1.0 && std::fabs(fps - whole) < 1e-4 * fps ? 1.0 / whole : step;
+  return whole >= 1.0 && std::fabs(fps - whole) < 1e-6 * fps ? 1.0 / whole : step;
 }
 
 bool BuildClip(const tinygltf::Model& model, const std::string& path, int animationIndex, const Skeleton& skeleton,
