@@ -11,7 +11,9 @@ bool WorldPose::Evaluate(const Skeleton& skeleton, const Clip* clip, int frame)
   const bool rest = clip == nullptr || frame == kRestFrame;
   if (!rest && (frame < 0 || frame >= clip->frameCount || clip->jointCount != static_cast<int>(skeleton.Size()) ||
                 clip->rotations.size() < static_cast<std::size_t>(clip->frameCount) * skeleton.Size() ||
-                clip->rootTranslation.size() < static_cast<std::size_t>(clip->frameCount)))
+                clip->rootTranslation.size() < static_cast<std::size_t>(clip->frameCount) ||
+                (!clip->translations.empty() &&
+                 clip->translations.size() < static_cast<std::size_t>(clip->frameCount) * skeleton.Size())))
     return false;
   const std::size_t n = skeleton.Size();
   _world.resize(n);

@@ -367,7 +367,7 @@ bool RenderPreview(const PreviewClip& source, const std::vector<PreviewClip>& ta
   {
     figures[i + 1].skeleton = targets[i].skeleton;
     figures[i + 1].clip = targets[i].clip;
-    figures[i + 1].label = targets[i].label;
+    figures[i + 1].label = targets[i].label.empty() ? "target" : targets[i].label;
   }
   for (const Figure& f : figures)
     if (f.skeleton == nullptr)

@@ -183,6 +183,9 @@ bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& cl
       const Quaternion rotation = isRoot(j) ? sceneRotation * rotations[j] : rotations[j];
       ChannelsFromRotation(bj.channels, ToMatrix(rotation), previous != nullptr ? previous + bj.firstChannel : nullptr,
                            values);
+      // A zero angle is written "0", never "-0".
+      for (std::size_t c = 0; c < bj.channels.size(); ++c)
+        values[c] += 0.0;
       if (!HasPositions(bj.channels))
         continue;
       // Position channels move the joint from its offset.
