@@ -4,7 +4,9 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/run_app.h"
@@ -18,10 +20,26 @@ using kelvara_test::ReadWholeFile;
 
 const std::string kCmuClip = "/usr/share/assimp/models/BVH/01_01.bvh";
 
+// Runs of blanks and line feeds as one space, so that texts survive the help formatter's wrapping.
+std::string Squeezed(const std::string& text)
+{
+  return std::regex_replace(text, std::regex("\\s+"), " ");
+}
+
 class CliTest : public kelvara_test::AppFolderTest
 {
 protected:
   void Write(const std::string& name, const std::string& text) { std::ofstream(_dir / name, std::ios::binary) << text; }
+
+  // Names of the files in the test's folder other than the captured output streams.
+  std::set<std::string> Files() const
+  {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(_dir))
+      if (const std::string name = entry.path().filename().string(); name != "stdout.txt" && name != "stderr.txt")
+        names.insert(name);
+    return names;
+  }
 };
 
 TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
@@ -33,21 +51,38 @@ TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
   Write("noroot.bvh", "HIERARCHY\nMOTION\n");
   Write("bad.json", "{\n  \"Spine\": \"Spine\",\n  \"Hips\" \"Hips\"\n}\n");
   Write("unknown.json", "{\n  \"Spine\": \"Spine\",\n  \"Hips\": \"Pelvis\"\n}\n");
+  Write("walk.xyz", "not a motion file\n");
+  const std::set<std::string> inputs = Files();
   const std::string retarget = "retarget good.bvh --target good.bvh -o out.bvh ";
+  const std::string formats = "(BVH (.bvh), glTF (.glb, .gltf))";
   // Texts are looked for on standard output when the status is 0, else on standard error.
   const std::tuple<std::string, int, std::vector<std::string>> cases[] = {
     {"", 2, {"retarget"}},
-    {"--help", 0, {"modules", "retarget", "inspect", "demo", "KELVARA_MODULE"}},
-    {"retarget --help", 0, {"--target", "--map", "--preset", "--root-scale", "--no-root-motion", "--timings"}},
+    {"--help", 0, {"modules", "retarget", "inspect", "demo", "character", "preview", "KELVARA_MODULE"}},
+    {"retarget --help",
+     0,
+     {"--target", "--map", "--preset", "--root-scale", "--no-root-motion", "--timings", "--skeleton-root",
+      "--source-skeleton-root", "--animation", "--output-format", "--replace-animations"}},
     {"frobnicate", 2, {"kelvara: unknown command 'frobnicate'"}},
     {"modules", 0, {"Module net.telvo.kelvara", "Withdrawn at unload, in order:"}},
     {"modules a b", 2, {"expected at most one module path, found 2 arguments"}},
     {"retarget good.bvh -o out.bvh", 2, {}},
     {"retarget empty.bvh --target good.bvh -o out.bvh", 2, {"empty.bvh:1: expected 'HIERARCHY', found end of file"}},
+    {"retarget empty.bvh --target good.bvh -o out.glb", 2, {"empty.bvh:1: expected 'HIERARCHY', found end of file"}},
     {"retarget good.bvh --target noroot.bvh -o out.bvh", 2, {"noroot.bvh:2: expected ROOT, found 'MOTION'"}},
+    {"retarget missing.bvh --target good.bvh -o out.gltf", 2, {"cannot read 'missing.bvh': No such file or directory"}},
+    {"retarget walk.xyz --target good.bvh -o out.bvh",
+     2,
+     {"walk.xyz: expected a file of a format kelvara reads (BVH (.bvh), glTF (.gltf, .glb)", "found extension '.xyz'"}},
+    {"retarget good.bvh --target good.bvh -o out.txt",
+     2,
+     {"out.txt: expected an output of a format kelvara writes " + formats + ", found extension '.txt'"}},
+    // The message names the option given, not a file the user never wrote.
+    {"retarget good.bvh good.bvh --target good.bvh -o outdir --output-format fbx", 2, {"--output-format", "fbx"}},
     {retarget + "--map bad.json", 2, {"bad.json:3: expected a JSON object of joint names, found invalid JSON"}},
     {retarget + "--map unknown.json", 2, {"unknown.json:3: expected a joint of good.bvh, found \"Pelvis\""}},
-    {retarget + "--root-scale -1", 2, {}},
+    {retarget + "--map absent.json", 2, {"absent.json: cannot be read"}},
+    {retarget + "--root-scale -1", 2, {"expected auto or a positive number for --root-scale, found \"-1\""}},
     {retarget + "--preset nosuch", 2, {"expected a preset name (game, cmu, studio, generic), found \"nosuch\""}},
   };
   for (const auto& [args, status, texts] : cases)
@@ -57,25 +92,64 @@ TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
     EXPECT_EQ(run.status, status) << run.err;
     for (const std::string& text : texts)
       EXPECT_NE((status == 0 ? run.out : run.err).find(text), std::string::npos) << text << "\n" << run.err;
-    for (const auto& entry : fs::directory_iterator(_dir))
-      EXPECT_EQ(entry.path().filename().string().find("out.bvh"), std::string::npos) << entry.path();
+    EXPECT_EQ(Files(), inputs);
   }
+}
+
+// The overview and the retarget command's help say which formats are read and which written.
+TEST_F(CliTest, HelpNamesTheFormatsReadAndWritten)
+{
+  const kelvara_test::AppOutcome overview = Kelvara("--help");
+  ASSERT_EQ(overview.status, 0);
+  const std::string read = "BVH (.bvh), glTF (.gltf, .glb), saved characters (.json), and through assimp FBX (.fbx), "
+                           "Collada (.dae, .zae), DirectX (.x)";
+  const std::string written = "BVH (.bvh), glTF (.glb, .gltf)";
+  EXPECT_NE(Squeezed(overview.out).find("Reads " + read), std::string::npos) << overview.out;
+  EXPECT_NE(Squeezed(overview.out).find("Writes " + written + "."), std::string::npos) << overview.out;
+
+  const kelvara_test::AppOutcome retarget = Kelvara("retarget --help");
+  ASSERT_EQ(retarget.status, 0);
+  const std::string help = Squeezed(retarget.out);
+  EXPECT_NE(help.find("give the motion (" + read), std::string::npos) << retarget.out;
+  EXPECT_NE(help.find("File to write, by its extension: " + written + "."), std::string::npos) << retarget.out;
+  EXPECT_NE(help.find("Format of a batch's outputs: bvh, glb or gltf"), std::string::npos) << retarget.out;
 }
 
 TEST_F(CliTest, CmuClipRetargetsAndInspects)
 {
   if (!fs::exists(kCmuClip))
     GTEST_SKIP() << kCmuClip << " is not installed";
-  ASSERT_EQ(Kelvara("demo -o target.bvh --frames 1").status, 0);
+  ASSERT_EQ(Kelvara("demo --write-target target.bvh").status, 0);
   const kelvara_test::AppOutcome run = Kelvara("retarget " + kCmuClip + " --target target.bvh -o out.bvh --timings");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_NE(run.err.find("timings: reading"), std::string::npos);
+  EXPECT_NE(run.out.find("source " + kCmuClip + ": 31 joints, 2752 frames of"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("preset cmu, 21 of 21"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("wrote out.bvh: 21 joints, 2752 frames of"), std::string::npos) << run.out;
+
   const kelvara_test::AppOutcome inspect = Kelvara("inspect " + kCmuClip);
-  ASSERT_EQ(inspect.status, 0);
-  EXPECT_NE(inspect.out.find("frames: 2752"), std::string::npos);
+  ASSERT_EQ(inspect.status, 0) << inspect.err;
+  EXPECT_EQ(inspect.out.rfind(kCmuClip + " (BVH)\njoints (31):\n", 0), 0u) << inspect.out;
+  EXPECT_TRUE(std::regex_search(inspect.out, std::regex("\n  Hips +offset \\(0, 0, 0\\)  \\[Xposition Yposition "
+                                                        "Zposition Zrotation Yrotation Xrotation\\]  = Hips\n")))
+    << inspect.out;
+  EXPECT_NE(inspect.out.find("\nunit: not stated by the file\nanimation: 01_01\nframes: 2752\n"), std::string::npos);
   EXPECT_NE(inspect.out.find("preset: cmu (21 of 21 body parts filled)"), std::string::npos);
   EXPECT_TRUE(std::regex_search(inspect.out, std::regex("Left upper arm +LeftArm\n")));
+  // A BVH rest has no rotation or scale to show.
+  EXPECT_EQ(inspect.out.find("rotation ("), std::string::npos);
+  EXPECT_EQ(inspect.out.find("scale ("), std::string::npos);
+
+  // The same clip written as glTF reads back as one with the target's joints and every frame.
+  const kelvara_test::AppOutcome glb = Kelvara("retarget " + kCmuClip + " --target target.bvh -o out.glb -q");
+  ASSERT_EQ(glb.status, 0) << glb.err;
+  EXPECT_NE(glb.out.find("wrote out.glb: 21 joints, 2752 frames of"), std::string::npos) << glb.out;
+  const kelvara_test::AppOutcome written = Kelvara("inspect out.glb");
+  ASSERT_EQ(written.status, 0) << written.err;
+  EXPECT_EQ(written.out.rfind("out.glb (GLB)\njoints (21):\n", 0), 0u) << written.out;
+  EXPECT_NE(written.out.find("\nframes: 2752\n"), std::string::npos) << written.out;
+  EXPECT_NE(written.out.find("(21 of 21 body parts filled)"), std::string::npos) << written.out;
+  EXPECT_EQ(written.out.find("  ["), std::string::npos) << "channels shown for a glTF file";
 }
 
 // A saved character stands for its BVH file byte for byte, as target and as source.
@@ -86,7 +160,8 @@ TEST_F(CliTest, SavedCharactersRetargetLikeTheirBvh)
   ASSERT_EQ(Kelvara("demo -o target.bvh --frames 2").status, 0);
   const kelvara_test::AppOutcome saved = Kelvara("character target.bvh -o target.json");
   ASSERT_EQ(saved.status, 0) << saved.err;
-  EXPECT_NE(saved.out.find("21 of 21 body parts filled"), std::string::npos) << saved.out;
+  EXPECT_NE(saved.out.find("saved target.json: 21 joints, preset "), std::string::npos) << saved.out;
+  EXPECT_NE(saved.out.find(", 21 of 21 body parts filled"), std::string::npos) << saved.out;
   ASSERT_EQ(Kelvara("character " + kCmuClip + " -o source.json").status, 0);
   ASSERT_EQ(Kelvara("retarget " + kCmuClip + " --target target.bvh -o from_bvh.bvh -q").status, 0);
   for (const char* args : {"--target target.json -o from_json.bvh",
@@ -98,15 +173,18 @@ TEST_F(CliTest, SavedCharactersRetargetLikeTheirBvh)
     fs::remove(_dir / "from_json.bvh");
   }
 
-  // A saved source for another skeleton, and a broken saved target, are refused.
+  // A saved source for another skeleton, a broken saved target, and a saved character given as
+  // the motion are refused.
   Write("broken.json", "{\"format\": \"kelvara character\", \"version\": 1, \"preset\": \"cmu\", \"skeleton\": 3}");
   const std::pair<std::string, std::string> refused[] = {
     {"target.bvh --source-character source.json --target target.bvh",
-     "expected the 31 joints of the saved character"},
+     "target.bvh: expected the 31 joints of source.json, found 21"},
     {kCmuClip + " --target broken.json", "broken.json: /skeleton: expected a non-empty array of joints, found 3"},
+    {"source.json --target target.bvh", "source.json: expected an animation to retarget, found none"},
   };
   for (const auto& [args, message] : refused)
   {
+    SCOPED_TRACE(args);
     const kelvara_test::AppOutcome run = Kelvara("retarget " + args + " -o never.bvh");
     EXPECT_EQ(run.status, 2);
     EXPECT_NE(run.err.find(message), std::string::npos) << run.err;

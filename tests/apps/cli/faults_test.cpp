@@ -17,8 +17,8 @@
 #include <string>
 #include <thread>
 
-#include "bvh.h"
-#include "demo.h"
+#include "demo/demo.h"
+#include "io/bvh/bvh_file.h"
 #include "support/run_app.h"
 
 namespace kelvara
@@ -122,13 +122,17 @@ TEST_F(OutputFaults, KilledAtAnyMomentLeavesTheOldOrTheCompleteNewOutput)
 TEST_F(OutputFaults, ReadOnlyOrFullFolderGivesAClearErrorAndLeavesNothing)
 {
   WriteInputs(400); // an output of about 200 kB
+  // Both writers, the BVH one and the glTF one, go through the same refusal.
   auto expectRefused = [&](const std::string& folder, const std::string& launcher, const std::string& why) {
-    SCOPED_TRACE(folder);
-    const kelvara_test::AppOutcome run = Kelvara("retarget walk.bvh --target target.bvh -o " + folder + "/out.bvh -q",
-                                                 launcher);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find("kelvara: cannot write '" + folder + "/out.bvh': " + why), std::string::npos) << run.err;
-    EXPECT_TRUE(fs::is_empty(_dir / folder));
+    for (const char* name : {"out.bvh", "out.glb"})
+    {
+      SCOPED_TRACE(folder + "/" + name);
+      const std::string out = folder + "/" + name;
+      const kelvara_test::AppOutcome run = Kelvara("retarget walk.bvh --target target.bvh -o " + out + " -q", launcher);
+      EXPECT_EQ(run.status, 1);
+      EXPECT_NE(run.err.find("kelvara: cannot write '" + out + "': " + why), std::string::npos) << run.err;
+      EXPECT_TRUE(fs::is_empty(_dir / folder));
+    }
   };
 
   // Root may write anywhere: the run then drops to an ordinary user.

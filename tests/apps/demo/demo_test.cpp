@@ -1,4 +1,4 @@
-#include "demo.h"
+#include "demo/demo.h"
 
 #include <cairo.h>
 #include <gtest/gtest.h>
@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "bvh.h"
-#include "rotation.h"
+#include "io/animation_file.h"
+#include "io/bvh/bvh_file.h"
+#include "io/bvh/euler.h"
+#include "io/gltf/gltf_document.h"
 #include "support/run_app.h"
 
 namespace kelvara
@@ -339,6 +341,67 @@ TEST_F(DemoCommand, PreviewShowsBothRestChoicesSideBySide)
     cairo_surface_destroy(png);
     EXPECT_GT(differing, 200);
   }
+}
+
+// Beside the BVH the demo writes the target as a skinned character whose one animation is the
+// retargeted walk: read back, it has the target's joints, every frame, the BVH's rotations and
+// root path, and an armature that makes its centimetres metres.
+TEST_F(DemoCommand, WritesTheCharacterWithTheWalkAsGlb)
+{
+  const int frames = 67; // one cycle from the first frame to the last
+  const kelvara_test::AppOutcome run = Kelvara("demo --frames " + std::to_string(frames));
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("wrote demo_out.bvh: 21 joints, 67 frames of 0.0166667 s\nwrote demo_out.glb: the target "
+                         "as a skinned character with the walk as its animation\n"),
+            std::string::npos)
+    << run.out;
+
+  std::string error;
+  AnimationFile glb, bvh;
+  ASSERT_TRUE(ReadAnimationFile((_dir / "demo_out.glb").string(), {}, glb, error)) << error;
+  ASSERT_TRUE(ReadAnimationFile((_dir / "demo_out.bvh").string(), {}, bvh, error)) << error;
+  ASSERT_TRUE(glb.gltf != nullptr);
+  const tinygltf::Model& model = glb.gltf->model;
+  EXPECT_EQ(model.animations.size(), 1u);
+  EXPECT_EQ(model.skins.size(), 1u);
+  EXPECT_EQ(model.meshes.size(), 1u);
+
+  const BvhFile target = MakeDemoTarget();
+  ASSERT_TRUE(glb.hasClip);
+  ASSERT_EQ(glb.skeleton.Size(), 21u);
+  ASSERT_EQ(glb.clip.frameCount, frames);
+  EXPECT_NEAR(glb.clip.frameTime, 1.0 / 60.0, 1e-6);
+  ASSERT_EQ(bvh.clip.frameCount, frames);
+  for (int frame = 0; frame < frames; ++frame)
+    for (const BvhJoint& joint : target.joints)
+    {
+      const int g = glb.skeleton.FindJoint(joint.name);
+      const int b = bvh.skeleton.FindJoint(joint.name);
+      ASSERT_GE(g, 0) << joint.name;
+      ASSERT_GE(b, 0) << joint.name;
+      // Float keyframes against the BVH's four decimals of a degree.
+      ASSERT_LT(AngleBetweenDegrees(glb.clip.FrameRotations(frame)[g], bvh.clip.FrameRotations(frame)[b]), 1e-3)
+        << joint.name << " frame " << frame;
+    }
+  ASSERT_EQ(glb.clip.rootTranslation.size(), static_cast<std::size_t>(frames));
+  for (std::size_t frame = 0; frame < glb.clip.rootTranslation.size(); ++frame)
+    ASSERT_LT(Length(glb.clip.rootTranslation[frame] - bvh.clip.rootTranslation[frame]), 1e-3) << "frame " << frame;
+  const std::size_t last = static_cast<std::size_t>(frames - 1);
+
+  // It walks: a thigh swings through tens of degrees, and the pelvis covers a cycle's stride at
+  // a walking pace, in metres through the armature.
+  const int thigh = glb.skeleton.FindJoint("thigh_l");
+  double swing = 0.0;
+  for (int frame = 0; frame < frames; ++frame)
+    swing = std::max(swing,
+                     AngleBetweenDegrees(glb.clip.FrameRotations(0)[thigh], glb.clip.FrameRotations(frame)[thigh]));
+  EXPECT_GT(swing, 20.0);
+  const Matrix& armature = glb.skeleton.sceneTransform;
+  const Vector stride = TransformPoint(armature, glb.clip.rootTranslation[last]) -
+                        TransformPoint(armature, glb.clip.rootTranslation[0]);
+  EXPECT_GT(stride.z / kDemoCycleSeconds, 0.8) << stride.z << " m";
+  EXPECT_LT(stride.z / kDemoCycleSeconds, 2.0) << stride.z << " m";
+  EXPECT_NEAR(stride.x, 0.0, 1e-3);
 }
 
 } // namespace
