@@ -40,9 +40,8 @@ public:
 
   int Floats(const std::vector<float>& values, const char* type, bool bounds = false)
   {
-    const std::size_t components = std::string(type) == "SCALAR" ? 1 : std::string(type) == "VEC3" ? 3
-                                   : std::string(type) == "VEC4"   ? 4
-                                                                   : 16;
+    const std::string t = type;
+    const std::size_t components = t == "SCALAR" ? 1 : t == "VEC2" ? 2 : t == "VEC3" ? 3 : t == "VEC4" ? 4 : 16;
     while (_bytes.size() % 4 != 0)
       _bytes.push_back('\0');
     const std::size_t offset = _bytes.size();

@@ -115,15 +115,15 @@ TEST(AssimpReader, FbxUnitsBecomeMetresAndColladaMatchesTheSameCharacter)
   EXPECT_GE(fbx.skeleton.joints.size(), 13u);
   ASSERT_TRUE(fbx.hasClip);
 
-  // The same DirectX character written as Collada by assimp's own exporter, read back: the same
-  // joints standing in the same places.
+  // A DirectX character written as Collada by assimp's own exporter, read back: the same joints
+  // standing in the same places.
   const fs::path folder = fs::temp_directory_path() / "kelvara_assimp_collada";
   fs::create_directories(folder);
   const fs::path dae = folder / "bcn.dae";
   const std::string command =
-    "assimp export '" + kModels + "X/BCN_Epileptic.X' '" + dae.string() + "' -fcollada >/dev/null 2>&1";
+    "assimp export '" + kModels + "X/Testwuson.X' '" + dae.string() + "' -fcollada >/dev/null 2>&1";
   ASSERT_EQ(std::system(command.c_str()), 0) << "assimp-utils' exporter";
-  const AnimationFile x = ReadModel(kModels + "X/BCN_Epileptic.X");
+  const AnimationFile x = ReadModel(kModels + "X/Testwuson.X");
   const AnimationFile collada = ReadModel(dae.string());
   fs::remove_all(folder);
   EXPECT_EQ(collada.format, "Collada");
@@ -138,7 +138,7 @@ TEST(AssimpReader, FbxUnitsBecomeMetresAndColladaMatchesTheSameCharacter)
       EXPECT_LT(telvo::Length(a[j].off - b[static_cast<std::size_t>(k)].off), 1e-3) << x.skeleton.joints[j].name;
       ++compared;
     }
-  EXPECT_GE(compared, 50);
+  EXPECT_GE(compared, 30);
 }
 
 TEST(AssimpReader, FilesWithoutASkeletonOrUnreadableAreRefused)
