@@ -224,7 +224,10 @@ private:
     if (!_format.empty())
     {
       extension = "." + _format;
-      return CheckWritablePath("x" + extension, error);
+      if (extension == ".bvh" || extension == ".glb" || extension == ".gltf")
+        return true;
+      error = "expected --output-format bvh, glb or gltf, found \"" + _format + "\"";
+      return false;
     }
     std::string ext = std::filesystem::path(_road.targetPath).extension().string();
     std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });

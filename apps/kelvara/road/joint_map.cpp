@@ -1,8 +1,6 @@
 #include "road/joint_map.h"
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -133,20 +131,6 @@ bool ParseJointMap(std::string_view text, const std::string& displayName, const 
     pairs.push_back({t, s});
   }
   return true;
-}
-
-bool ReadJointMap(const std::string& path, const Skeleton& source, const Skeleton& target, std::vector<JointPair>& pairs,
-                  std::string& error)
-{
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
-  {
-    error = path + ": cannot be read";
-    return false;
-  }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return ParseJointMap(text.str(), path, source, target, pairs, error);
 }
 
 } // namespace kelvara

@@ -18,11 +18,8 @@ struct JointPair
   int source = -1; // joint index in the source skeleton
 };
 
-// Reads and checks a map against the two skeletons. On failure returns false with
-// "FILE:LINE: expected ..., found ..." in error.
-bool ReadJointMap(const std::string& path, const Skeleton& source, const Skeleton& target, std::vector<JointPair>& pairs,
-                  std::string& error);
-// The same from memory; displayName stands for the file in messages.
+// Reads and checks a map (its text; displayName stands for the file in messages) against the two
+// skeletons. On failure returns false with "FILE:LINE: expected ..., found ..." in error.
 bool ParseJointMap(std::string_view text, const std::string& displayName, const Skeleton& source,
                    const Skeleton& target, std::vector<JointPair>& pairs, std::string& error);
 

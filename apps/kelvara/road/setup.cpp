@@ -1,8 +1,6 @@
 #include "road/setup.h"
 
-#include <fstream>
-#include <sstream>
-
+#include "io/read_file.h"
 #include "road/joint_map.h"
 
 namespace kelvara
@@ -26,12 +24,8 @@ bool Road::ReadShared(Problem& problem)
   std::string error;
   if (!_options.mapPath.empty())
   {
-    std::ifstream in(_options.mapPath, std::ios::binary);
-    if (!in)
+    if (!ReadWholeFile(_options.mapPath, _mapText, error))
       return problem.Set(true, _options.mapPath + ": cannot be read");
-    std::ostringstream text;
-    text << in.rdbuf();
-    _mapText = text.str();
   }
   if (!MakeHelper(_helper, error))
     return problem.Set(false, error);

@@ -1,6 +1,7 @@
 #include "io/bvh/bvh_file.h"
 
 #include "io/atomic_file.h"
+#include "io/read_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -700,38 +701,8 @@ bool ReadBvhFromBuffer(std::string_view text, const std::string& displayName, Bv
 
 bool ReadBvh(const std::string& path, BvhFile& out, std::string& error, BvhPart part)
 {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-  {
-    error = "cannot read '" + path + "': " + std::strerror(errno);
-    return false;
-  }
-  // One read of the whole file; a byte of slack lets the common case end without regrowing.
   std::string data;
-  struct stat st;
-  const bool regular = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-  data.resize(regular ? static_cast<std::size_t>(st.st_size) + 1 : std::size_t{1} << 16);
-  std::size_t used = 0;
-  for (;;)
-  {
-    if (used == data.size())
-      data.resize(data.size() * 2);
-    ssize_t n = ::read(fd, data.data() + used, data.size() - used);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-    {
-      error = "cannot read '" + path + "': " + std::strerror(errno);
-      ::close(fd);
-      return false;
-    }
-    if (n == 0)
-      break;
-    used += static_cast<std::size_t>(n);
-  }
-  data.resize(used);
-  ::close(fd);
-  return ReadBvhFromBuffer(data, path, out, error, part);
+  return ReadWholeFile(path, data, error) && ReadBvhFromBuffer(data, path, out, error, part);
 }
 
 bool ValidateBvh(const BvhFile& file, std::string& error)

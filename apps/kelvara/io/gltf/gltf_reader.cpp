@@ -6,11 +6,13 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <new>
 #include <set>
 #include <sstream>
 
 #include "io/gltf/gltf.h"
 #include "io/gltf/gltf_document.h"
+#include "io/read_file.h"
 
 namespace kelvara
 {
@@ -608,20 +610,6 @@ bool BuildClip(const tinygltf::Model& model, const std::string& path, int animat
   return ValidateClip(clip, skeleton, error);
 }
 
-bool ReadFileBytes(const std::string& path, std::string& bytes, std::string& error)
-{
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
-  {
-    error = "cannot read '" + path + "': " + std::strerror(errno);
-    return false;
-  }
-  std::ostringstream s;
-  s << in.rdbuf();
-  bytes = s.str();
-  return true;
-}
-
 } // namespace
 
 bool ReadGltfDocument(std::shared_ptr<GltfDocument> document, const std::string& path, const ReadRequest& request,
@@ -681,6 +669,9 @@ bool ReadGltfBytes(std::string_view bytes, const std::string& path, const std::s
                                          static_cast<unsigned int>(bytes.size()), baseDir)
            : loader.LoadASCIIFromString(&document->model, &err, &warn, bytes.data(),
                                         static_cast<unsigned int>(bytes.size()), baseDir);
+  // tinygltf catches memory running out and reports it as a file it cannot read.
+  if (!loaded && err.find("bad_alloc") != std::string::npos)
+    throw std::bad_alloc();
   if (!loaded)
   {
     error = path + ": expected a glTF 2.0 " + std::string(binary ? "binary (.glb)" : "JSON (.gltf)") +
@@ -699,7 +690,7 @@ bool ReadGltfBytes(std::string_view bytes, const std::string& path, const std::s
 bool ReadGltf(const std::string& path, const ReadRequest& request, AnimationFile& out, std::string& error)
 {
   std::string bytes;
-  if (!ReadFileBytes(path, bytes, error))
+  if (!ReadWholeFile(path, bytes, error))
     return false;
   return ReadGltfBytes(bytes, path, std::filesystem::path(path).parent_path().string(), request, out, error);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <new>
 #include <set>
 #include <sstream>
 
@@ -313,7 +314,11 @@ bool GltfBytes(const AnimationFile& target, const Clip& clip, const WriteRequest
   tinygltf::TinyGLTF writer;
   writer.SetImageWriter(&LeaveImage, nullptr);
   std::ostringstream stream;
-  if (!writer.WriteGltfSceneToStream(&model, stream, !binary, binary))
+  const bool written = writer.WriteGltfSceneToStream(&model, stream, !binary, binary);
+  // A string stream that cannot grow fails quietly: that is memory running out, not a document.
+  if (!stream)
+    throw std::bad_alloc();
+  if (!written)
   {
     error = "cannot write the glTF document";
     return false;

@@ -9,6 +9,7 @@
 #include "anim/pose.h"
 #include "io/atomic_file.h"
 #include "io/json/object_json.h"
+#include "io/read_file.h"
 
 namespace kelvara
 {
@@ -220,16 +221,10 @@ namespace
 
 bool ReadFileText(const std::string& path, std::string& text, std::string& error)
 {
-  std::ifstream file(path, std::ios::binary);
-  if (!file)
-  {
-    error = "cannot read '" + path + "'";
-    return false;
-  }
-  std::ostringstream buffer;
-  buffer << file.rdbuf();
-  text = buffer.str();
-  return true;
+  if (ReadWholeFile(path, text, error))
+    return true;
+  error = "cannot read '" + path + "'";
+  return false;
 }
 
 bool ParseSaved(const std::string& text, const std::string& displayName, json& in, std::string& error)
