@@ -39,29 +39,20 @@ public:
     Problem problem;
     if (!CheckPreset(_preset, problem))
       return Report(problem);
-    std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
-    if (!module)
-      return ExitCode::kFailure;
-    ExitCode code = ExitCode::kOk;
-    {
-      // Every module object is released before the module unloads.
+    return RunWithModule([&] {
       Character character;
       telvo::KelvaraHelperRef helper;
       if (!MakeHelper(helper, error) || !BuildCharacter(file.skeleton, "saved", character, error) ||
           !ChooseAndFillPreset(character, helper, _preset, error) ||
           !SaveCharacter(character, file.bvhLayout.get(), _out, error))
-        code = Report(ExitCode::kFailure, error);
-      else
-      {
-        int filled = 0;
-        for (int joint : character.partJoint)
-          filled += joint >= 0 ? 1 : 0;
-        std::printf("saved %s: %zu joints, preset %s, %d of %d body parts filled\n", _out.c_str(),
-                    file.skeleton.joints.size(), character.preset.c_str(), filled, kBodyPartCount);
-      }
-    }
-    module->Unload();
-    return code;
+        return Report(ExitCode::kFailure, error);
+      int filled = 0;
+      for (int joint : character.partJoint)
+        filled += joint >= 0 ? 1 : 0;
+      std::printf("saved %s: %zu joints, preset %s, %d of %d body parts filled\n", _out.c_str(),
+                  file.skeleton.joints.size(), character.preset.c_str(), filled, kBodyPartCount);
+      return ExitCode::kOk;
+    });
   }
 
 private:

@@ -1,6 +1,7 @@
 // The kelvara command line: one Command per subcommand, each registering its own options.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,8 +41,9 @@ std::unique_ptr<Command> MakeModulesCommand();
 
 // The module file built beside the executable (or named by $KELVARA_MODULE).
 std::string DefaultModulePath();
-// Loads that module for a command; nullptr after saying why on stderr.
-std::unique_ptr<telvo::LoadedModule> LoadModuleOrSayWhy();
+// Loads that module, runs work and unloads it; every module object work makes must be gone when
+// it returns. kFailure after saying why on stderr when the module cannot be loaded.
+ExitCode RunWithModule(const std::function<ExitCode()>& work);
 
 // "kelvara: message" on stderr, and the exit code for it.
 ExitCode Report(const Problem& problem);

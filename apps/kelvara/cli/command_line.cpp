@@ -100,13 +100,15 @@ std::string DefaultModulePath()
   return ExecutableFolder() + "/libkelvara.so";
 }
 
-std::unique_ptr<telvo::LoadedModule> LoadModuleOrSayWhy()
+ExitCode RunWithModule(const std::function<ExitCode()>& work)
 {
   std::string why;
   std::unique_ptr<telvo::LoadedModule> module = telvo::LoadedModule::Load(DefaultModulePath(), why);
   if (!module)
-    std::fprintf(stderr, "kelvara: cannot load the module: %s\n", why.c_str());
-  return module;
+    return Report(ExitCode::kFailure, "cannot load the module: " + why);
+  const ExitCode code = work();
+  module->Unload();
+  return code;
 }
 
 ExitCode Report(ExitCode code, const std::string& message)

@@ -51,22 +51,15 @@ public:
     std::printf("kelvara demo: a built-in walk (%zu joints, %d frames) onto a built-in skeleton of other names, "
                 "proportions and rest pose (%zu joints)\n\n",
                 run.source.skeleton.joints.size(), run.source.clip.frameCount, target.skeleton.joints.size());
-    std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
-    if (!module)
-      return ExitCode::kFailure;
-    ExitCode code = ExitCode::kOk;
-    {
+    return RunWithModule([&] {
       RoadOptions options;
       options.matchRest = _matchRest;
       Road road(options);
       Problem problem;
       if (!road.Setup(target, problem) || !RunClip(road, run))
-        code = Report(problem.message.empty() ? run.problem : problem);
-      else
-        code = Finish(road, run);
-    }
-    module->Unload();
-    return code;
+        return Report(problem.message.empty() ? run.problem : problem);
+      return Finish(road, run);
+    });
   }
 
 private:

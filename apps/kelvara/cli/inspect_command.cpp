@@ -147,16 +147,7 @@ public:
     Problem problem;
     if (!CheckPreset(_preset, problem))
       return Report(problem);
-    std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
-    if (!module)
-      return ExitCode::kFailure;
-    ExitCode code = ExitCode::kOk;
-    {
-      // Every module object is released before the module unloads.
-      code = Inspect(file);
-    }
-    module->Unload();
-    return code;
+    return RunWithModule([&] { return Inspect(file); });
   }
 
 private:

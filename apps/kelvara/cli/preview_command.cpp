@@ -47,31 +47,24 @@ public:
     std::string error;
     if (!ReadAnimationFile(_road.targetPath, resultRequest, result, error))
       return Report(ExitCode::kBadInput, error);
-    std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
-    if (!module)
-      return ExitCode::kFailure;
     // The joint pairs the retarget made, with the same presets and map.
     std::vector<std::pair<int, int>> pairs;
     AnimationFile source;
-    Problem problem;
-    {
+    const ExitCode paired = RunWithModule([&] {
       Road road(_road);
-      if (road.Setup(problem) && road.ReadSource(_sourcePath, source, problem))
-      {
-        const SourceSide& side = road.SideFor(source.skeleton);
-        if (side.Ok())
-          for (std::size_t t = 0; t < side.prepared.sourceOfTarget.size(); ++t)
-          {
-            if (side.prepared.sourceOfTarget[t] >= 0)
-              pairs.emplace_back(side.prepared.sourceOfTarget[t], static_cast<int>(t));
-          }
-        else
-          problem = side.problem;
-      }
-    }
-    module->Unload();
-    if (!problem.message.empty())
-      return Report(problem);
+      Problem problem;
+      if (!road.Setup(problem) || !road.ReadSource(_sourcePath, source, problem))
+        return Report(problem);
+      const SourceSide& side = road.SideFor(source.skeleton);
+      if (!side.Ok())
+        return Report(side.problem);
+      for (std::size_t t = 0; t < side.prepared.sourceOfTarget.size(); ++t)
+        if (side.prepared.sourceOfTarget[t] >= 0)
+          pairs.emplace_back(side.prepared.sourceOfTarget[t], static_cast<int>(t));
+      return ExitCode::kOk;
+    });
+    if (paired != ExitCode::kOk)
+      return paired;
     const PreviewClip sourceClip{&source.skeleton, &source.clip, "source"};
     const PreviewClip resultClip{&result.skeleton, result.hasClip ? &result.clip : nullptr, "target"};
     if (!RenderPreview(sourceClip, resultClip, pairs, _options, _pngPath, error))

@@ -157,17 +157,10 @@ public:
       _road.sourcePreset = _preset;
     if (_road.targetPreset.empty())
       _road.targetPreset = _preset;
-    std::unique_ptr<telvo::LoadedModule> module = LoadModuleOrSayWhy();
-    if (!module)
-      return ExitCode::kFailure;
-    ExitCode code = ExitCode::kOk;
-    {
-      // Every module object lives in the road, released before the module unloads.
+    return RunWithModule([&] {
       Road road(_road);
-      code = _sources.size() > 1 ? RunBatch(road) : RunSingle(road);
-    }
-    module->Unload();
-    return code;
+      return _sources.size() > 1 ? RunBatch(road) : RunSingle(road);
+    });
   }
 
 private:

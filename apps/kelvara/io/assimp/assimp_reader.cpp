@@ -416,16 +416,8 @@ private:
   {
     if (times.empty())
       return;
-    tinygltf::AnimationSampler sampler;
-    sampler.input = AddFloatAccessor(_model, times, TINYGLTF_TYPE_SCALAR, true);
-    sampler.output = AddFloatAccessor(_model, values, type, false);
-    sampler.interpolation = "LINEAR";
-    animation.samplers.push_back(sampler);
-    tinygltf::AnimationChannel channel;
-    channel.sampler = static_cast<int>(animation.samplers.size()) - 1;
-    channel.target_node = node;
-    channel.target_path = path;
-    animation.channels.push_back(channel);
+    AddAnimationChannel(animation, node, path, AddFloatAccessor(_model, times, TINYGLTF_TYPE_SCALAR, true),
+                        AddFloatAccessor(_model, values, type, false));
   }
 
   const aiScene& _scene;

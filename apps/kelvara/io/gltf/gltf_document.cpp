@@ -89,6 +89,20 @@ int AddIndexAccessor(tinygltf::Model& model, const std::vector<std::uint32_t>& v
   return static_cast<int>(model.accessors.size()) - 1;
 }
 
+void AddAnimationChannel(tinygltf::Animation& animation, int node, const char* path, int input, int output)
+{
+  tinygltf::AnimationSampler sampler;
+  sampler.input = input;
+  sampler.output = output;
+  sampler.interpolation = "LINEAR";
+  animation.samplers.push_back(sampler);
+  tinygltf::AnimationChannel channel;
+  channel.sampler = static_cast<int>(animation.samplers.size()) - 1;
+  channel.target_node = node;
+  channel.target_path = path;
+  animation.channels.push_back(channel);
+}
+
 std::vector<double> ColumnMajor(const telvo::Matrix& m)
 {
   return {m.v1.x, m.v1.y, m.v1.z, 0.0, m.v2.x, m.v2.y, m.v2.z, 0.0,

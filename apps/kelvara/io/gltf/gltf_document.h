@@ -43,6 +43,10 @@ int AddFloatAccessor(tinygltf::Model& model, const std::vector<float>& values, i
 int AddIndexAccessor(tinygltf::Model& model, const std::vector<std::uint32_t>& values, int type, int componentType,
                      int target = 0);
 
+// A channel of animation driving node's path ("rotation", "translation") with keys at input's
+// times and output's values, through a linear sampler of its own.
+void AddAnimationChannel(tinygltf::Animation& animation, int node, const char* path, int input, int output);
+
 // A node's local transform as the document stores it (a matrix, or translation, rotation and
 // scale), as T, R and S.
 void NodeTransform(const tinygltf::Node& node, telvo::Vector& translation, Quaternion& rotation, telvo::Vector& scale);

@@ -203,18 +203,7 @@ std::string AddAnimation(GltfDocument& document, const Skeleton& skeleton, const
   for (int f = 0; f < clip.frameCount; ++f)
     times[static_cast<std::size_t>(f)] = static_cast<float>(f * clip.frameTime);
   const int input = AddFloatAccessor(model, times, TINYGLTF_TYPE_SCALAR, true);
-  auto addChannel = [&](int node, const char* path, int output) {
-    tinygltf::AnimationSampler sampler;
-    sampler.input = input;
-    sampler.output = output;
-    sampler.interpolation = "LINEAR";
-    animation.samplers.push_back(sampler);
-    tinygltf::AnimationChannel channel;
-    channel.sampler = static_cast<int>(animation.samplers.size()) - 1;
-    channel.target_node = node;
-    channel.target_path = path;
-    animation.channels.push_back(channel);
-  };
+
   std::vector<float> values;
   for (std::size_t j = 0; j < n; ++j)
   {
@@ -232,12 +221,14 @@ std::string AddAnimation(GltfDocument& document, const Skeleton& skeleton, const
       values.insert(values.end(), {static_cast<float>(q.x), static_cast<float>(q.y), static_cast<float>(q.z),
                                    static_cast<float>(q.w)});
     }
-    addChannel(document.nodeOfJoint[j], "rotation", AddFloatAccessor(model, values, TINYGLTF_TYPE_VEC4, false));
+    AddAnimationChannel(animation, document.nodeOfJoint[j], "rotation", input,
+                        AddFloatAccessor(model, values, TINYGLTF_TYPE_VEC4, false));
   }
   values.clear();
   for (const telvo::Vector& t : clip.rootTranslation)
     values.insert(values.end(), {static_cast<float>(t.x), static_cast<float>(t.y), static_cast<float>(t.z)});
-  addChannel(document.nodeOfJoint[0], "translation", AddFloatAccessor(model, values, TINYGLTF_TYPE_VEC3, false));
+  AddAnimationChannel(animation, document.nodeOfJoint[0], "translation", input,
+                      AddFloatAccessor(model, values, TINYGLTF_TYPE_VEC3, false));
   const std::string name = animation.name;
   model.animations.push_back(std::move(animation));
   return name;
