@@ -9,25 +9,18 @@
 #include <utility>
 #include <vector>
 
+#include "support/quaternion.h"
+
 namespace kelvara
 {
 namespace
 {
 
+using kelvara_test::MaxDiff;
 using telvo::Matrix;
 using telvo::Vector;
 
 constexpr Channel kRot[3] = {Channel::Xrotation, Channel::Yrotation, Channel::Zrotation};
-
-double MaxDifference(const Matrix& a, const Matrix& b)
-{
-  const Vector* pa[] = {&a.off, &a.v1, &a.v2, &a.v3};
-  const Vector* pb[] = {&b.off, &b.v1, &b.v2, &b.v3};
-  double d = 0.0;
-  for (int i = 0; i < 4; ++i)
-    d = std::max({d, std::fabs(pa[i]->x - pb[i]->x), std::fabs(pa[i]->y - pb[i]->y), std::fabs(pa[i]->z - pb[i]->z)});
-  return d;
-}
 
 // Runs body for each of the six orders of three distinct axes, traced by name ("ZXY").
 template <typename Body>
@@ -44,9 +37,9 @@ void ForEachOrder(Body body)
 
 TEST(Euler, AxesAreRightHandedAndFirstChannelIsOutermost)
 {
-  EXPECT_LT(MaxDifference(AxisRotation(0, M_PI / 2), Matrix{{}, {1, 0, 0}, {0, 0, 1}, {0, -1, 0}}), 1e-15);
-  EXPECT_LT(MaxDifference(AxisRotation(1, M_PI / 2), Matrix{{}, {0, 0, -1}, {0, 1, 0}, {1, 0, 0}}), 1e-15);
-  EXPECT_LT(MaxDifference(AxisRotation(2, M_PI / 2), Matrix{{}, {0, 1, 0}, {-1, 0, 0}, {0, 0, 1}}), 1e-15);
+  EXPECT_LT(MaxDiff(AxisRotation(0, M_PI / 2), Matrix{{}, {1, 0, 0}, {0, 0, 1}, {0, -1, 0}}), 1e-15);
+  EXPECT_LT(MaxDiff(AxisRotation(1, M_PI / 2), Matrix{{}, {0, 0, -1}, {0, 1, 0}, {1, 0, 0}}), 1e-15);
+  EXPECT_LT(MaxDiff(AxisRotation(2, M_PI / 2), Matrix{{}, {0, 1, 0}, {-1, 0, 0}, {0, 0, 1}}), 1e-15);
   // "Zrotation Xrotation" is Rz * Rx: Rx takes Y to Z, which Rz leaves alone (Rx * Rz gives -X).
   const double quarters[] = {90, 90};
   const Matrix zx = RotationFromChannels({Channel::Zrotation, Channel::Xrotation}, quarters);
@@ -54,7 +47,7 @@ TEST(Euler, AxesAreRightHandedAndFirstChannelIsOutermost)
   EXPECT_LT(std::fabs(y.x) + std::fabs(y.z - 1), 1e-15);
   // Many whole turns do not cost precision.
   const double turns[] = {36030.0, 30.0};
-  EXPECT_LT(MaxDifference(RotationFromChannels({kRot[2]}, turns), RotationFromChannels({kRot[2]}, turns + 1)), 1e-15);
+  EXPECT_LT(MaxDiff(RotationFromChannels({kRot[2]}, turns), RotationFromChannels({kRot[2]}, turns + 1)), 1e-15);
   // A single rotation channel gives its angle back, turned whole turns towards the previous one.
   double single[1];
   ChannelsFromRotation({kRot[1]}, RotationFromChannels({kRot[1]}, turns + 1), turns, single);
@@ -91,7 +84,7 @@ TEST(Euler, DecomposeRecomposesAndStaysNearThePreviousFrame)
       const Matrix r = RotationFromChannels(order, angles);
       double out[3];
       ChannelsFromRotation(order, r, nullptr, out);
-      ASSERT_LT(MaxDifference(RotationFromChannels(order, out), r), 1e-9) << angles[1];
+      ASSERT_LT(MaxDiff(RotationFromChannels(order, out), r), 1e-9) << angles[1];
       // Without a previous frame: the principal solution.
       EXPECT_TRUE(std::fabs(out[0]) <= 180 && std::fabs(out[1]) <= 90 + 1e-9 && std::fabs(out[2]) <= 180)
         << out[0] << " " << out[1] << " " << out[2];
@@ -99,7 +92,7 @@ TEST(Euler, DecomposeRecomposesAndStaysNearThePreviousFrame)
       // Any previous frame: the same rotation, no angle more than half a turn from its previous value.
       const double previous[3] = {4 * degrees(rng), 4 * degrees(rng), 4 * degrees(rng)};
       ChannelsFromRotation(order, r, previous, out);
-      ASSERT_LT(MaxDifference(RotationFromChannels(order, out), r), 1e-9) << angles[1];
+      ASSERT_LT(MaxDiff(RotationFromChannels(order, out), r), 1e-9) << angles[1];
       for (int q = 0; q < 3; ++q)
         EXPECT_LE(std::fabs(out[q] - previous[q]), 180.0 + 1e-9);
 

@@ -3,6 +3,7 @@
 #include "character/character.h"
 #include "io/bvh/bvh_model.h"
 #include "io/json/object_json.h"
+#include "support/bvh_texts.h"
 #include "support/loaded_module.h"
 #include "support/values.h"
 
@@ -27,13 +28,11 @@ protected:
   void SetUp() override
   {
     kelvara_test::LoadedModuleForTests();
-    std::string error;
-    BvhFile file;
-    ASSERT_TRUE(ReadBvhFromBuffer("HIERARCHY ROOT Hips { OFFSET 0.5 90.25 -3 JOINT Spine { OFFSET 0 1 0 } }\n"
-                                  "MOTION\nFrames: 0\nFrame Time: 1\n",
-                                  "two.bvh", file, error));
     BvhLayout layout;
-    BvhToSkeleton(file, _skeleton, layout);
+    BvhToSkeleton(kelvara_test::ReadBvhText("HIERARCHY ROOT Hips { OFFSET 0.5 90.25 -3 JOINT Spine { OFFSET 0 1 0 } }\n"
+                                            "MOTION\nFrames: 0\nFrame Time: 1\n"),
+                  _skeleton, layout);
+    std::string error;
     ASSERT_TRUE(BuildCharacter(_skeleton, "source", _character, error)) << error;
     _saved = Save(_character.definition);
   }
@@ -82,22 +81,22 @@ TEST_F(ObjectJsonTest, MalformedValuesAreRejectedWithTheirPath)
      "expected an object implementing telvo.CharacterBodyPartInterface, found "
      "\"net.telvo.animation.class.charactertree\""},
   };
-  json missing = _saved;
-  missing["members"].erase("SkeletonRoot");
+  const auto refusal = [](const json& in) {
+    telvo::ObjectRef object;
+    std::string error;
+    EXPECT_FALSE(ObjectFromJson(in, object, error));
+    EXPECT_FALSE(object);
+    return error;
+  };
   for (const auto& [path, value, message] : cases)
   {
     json spoilt = _saved;
     spoilt[json::json_pointer(path)] = value;
-    telvo::ObjectRef object;
-    std::string error;
-    EXPECT_FALSE(ObjectFromJson(spoilt, object, error));
-    EXPECT_FALSE(object);
-    EXPECT_EQ(error, std::string(path) + ": " + message);
+    EXPECT_EQ(refusal(spoilt), std::string(path) + ": " + message);
   }
-  telvo::ObjectRef object;
-  std::string error;
-  EXPECT_FALSE(ObjectFromJson(missing, object, error));
-  EXPECT_EQ(error, "/members/SkeletonRoot: expected the member SkeletonRoot, found null");
+  json missing = _saved;
+  missing["members"].erase("SkeletonRoot");
+  EXPECT_EQ(refusal(missing), "/members/SkeletonRoot: expected the member SkeletonRoot, found null");
 }
 
 } // namespace
