@@ -669,8 +669,9 @@ bool ReadGltfBytes(std::string_view bytes, const std::string& path, const std::s
                                          static_cast<unsigned int>(bytes.size()), baseDir)
            : loader.LoadASCIIFromString(&document->model, &err, &warn, bytes.data(),
                                         static_cast<unsigned int>(bytes.size()), baseDir);
-  // tinygltf catches memory running out and reports it as a file it cannot read.
-  if (!loaded && err.find("bad_alloc") != std::string::npos)
+  // tinygltf catches memory running out and reports it as a file it cannot read, with the
+  // exception's text alone (a file's own names can put "bad_alloc" into other messages).
+  if (!loaded && err == "std::bad_alloc")
     throw std::bad_alloc();
   if (!loaded)
   {
