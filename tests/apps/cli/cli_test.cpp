@@ -16,8 +16,6 @@ namespace
 
 namespace fs = std::filesystem;
 
-using kelvara_test::ReadWholeFile;
-
 const std::string kCmuClip = "/usr/share/assimp/models/BVH/01_01.bvh";
 
 // Runs of blanks and line feeds as one space, so that texts survive the help formatter's wrapping.
@@ -54,15 +52,22 @@ TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
   Write("walk.xyz", "not a motion file\n");
   const std::set<std::string> inputs = Files();
   const std::string retarget = "retarget good.bvh --target good.bvh -o out.bvh ";
-  const std::string formats = "(BVH (.bvh), glTF (.glb, .gltf))";
-  // Texts are looked for on standard output when the status is 0, else on standard error.
+  // The formats read and written, as the overview and the retarget command's help name them.
+  const std::string read = "BVH (.bvh), glTF (.gltf, .glb), saved characters (.json), and through assimp FBX (.fbx), "
+                           "Collada (.dae, .zae), DirectX (.x)";
+  const std::string written = "BVH (.bvh), glTF (.glb, .gltf)";
+  // Texts are looked for, squeezed, on standard output when the status is 0, else on standard error.
   const std::tuple<std::string, int, std::vector<std::string>> cases[] = {
     {"", 2, {"retarget"}},
-    {"--help", 0, {"modules", "retarget", "inspect", "demo", "character", "preview", "KELVARA_MODULE"}},
+    {"--help",
+     0,
+     {"modules", "retarget", "inspect", "demo", "character", "preview", "KELVARA_MODULE", "Reads " + read,
+      "Writes " + written + "."}},
     {"retarget --help",
      0,
      {"--target", "--map", "--preset", "--root-scale", "--no-root-motion", "--timings", "--skeleton-root",
-      "--source-skeleton-root", "--animation", "--output-format", "--replace-animations"}},
+      "--source-skeleton-root", "--animation", "--output-format", "--replace-animations", "give the motion (" + read,
+      "File to write, by its extension: " + written + ".", "Format of a batch's outputs: bvh, glb or gltf"}},
     {"frobnicate", 2, {"kelvara: unknown command 'frobnicate'"}},
     {"modules", 0, {"Module net.telvo.kelvara", "Withdrawn at unload, in order:"}},
     {"modules a b", 2, {"expected at most one module path, found 2 arguments"}},
@@ -76,7 +81,7 @@ TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
      {"walk.xyz: expected a file of a format kelvara reads (BVH (.bvh), glTF (.gltf, .glb)", "found extension '.xyz'"}},
     {"retarget good.bvh --target good.bvh -o out.txt",
      2,
-     {"out.txt: expected an output of a format kelvara writes " + formats + ", found extension '.txt'"}},
+     {"out.txt: expected an output of a format kelvara writes (" + written + "), found extension '.txt'"}},
     // The message names the option given, not a file the user never wrote.
     {"retarget good.bvh good.bvh --target good.bvh -o outdir --output-format fbx", 2, {"--output-format", "fbx"}},
     {retarget + "--map bad.json", 2, {"bad.json:3: expected a JSON object of joint names, found invalid JSON"}},
@@ -90,32 +95,16 @@ TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
     SCOPED_TRACE(args);
     const kelvara_test::AppOutcome run = Kelvara(args);
     EXPECT_EQ(run.status, status) << run.err;
+    const std::string stream = Squeezed(status == 0 ? run.out : run.err);
     for (const std::string& text : texts)
-      EXPECT_NE((status == 0 ? run.out : run.err).find(text), std::string::npos) << text << "\n" << run.err;
+      EXPECT_NE(stream.find(text), std::string::npos) << text << "\n" << stream;
     EXPECT_EQ(Files(), inputs);
   }
 }
 
-// The overview and the retarget command's help say which formats are read and which written.
-TEST_F(CliTest, HelpNamesTheFormatsReadAndWritten)
-{
-  const kelvara_test::AppOutcome overview = Kelvara("--help");
-  ASSERT_EQ(overview.status, 0);
-  const std::string read = "BVH (.bvh), glTF (.gltf, .glb), saved characters (.json), and through assimp FBX (.fbx), "
-                           "Collada (.dae, .zae), DirectX (.x)";
-  const std::string written = "BVH (.bvh), glTF (.glb, .gltf)";
-  EXPECT_NE(Squeezed(overview.out).find("Reads " + read), std::string::npos) << overview.out;
-  EXPECT_NE(Squeezed(overview.out).find("Writes " + written + "."), std::string::npos) << overview.out;
-
-  const kelvara_test::AppOutcome retarget = Kelvara("retarget --help");
-  ASSERT_EQ(retarget.status, 0);
-  const std::string help = Squeezed(retarget.out);
-  EXPECT_NE(help.find("give the motion (" + read), std::string::npos) << retarget.out;
-  EXPECT_NE(help.find("File to write, by its extension: " + written + "."), std::string::npos) << retarget.out;
-  EXPECT_NE(help.find("Format of a batch's outputs: bvh, glb or gltf"), std::string::npos) << retarget.out;
-}
-
-TEST_F(CliTest, CmuClipRetargetsAndInspects)
+// A captured clip retargets, written as BVH or glTF, and inspects; saved characters that do not fit
+// are refused.
+TEST_F(CliTest, CmuClipRetargetsInspectsAndMisfitSavedCharactersAreRefused)
 {
   if (!fs::exists(kCmuClip))
     GTEST_SKIP() << kCmuClip << " is not installed";
@@ -137,10 +126,9 @@ TEST_F(CliTest, CmuClipRetargetsAndInspects)
   EXPECT_NE(inspect.out.find("preset: cmu (21 of 21 body parts filled)"), std::string::npos);
   EXPECT_TRUE(std::regex_search(inspect.out, std::regex("Left upper arm +LeftArm\n")));
   // A BVH rest has no rotation or scale to show.
-  EXPECT_EQ(inspect.out.find("rotation ("), std::string::npos);
-  EXPECT_EQ(inspect.out.find("scale ("), std::string::npos);
+  EXPECT_TRUE(inspect.out.find("rotation (") == std::string::npos && inspect.out.find("scale (") == std::string::npos);
 
-  // The same clip written as glTF reads back as one with the target's joints and every frame.
+  // The same clip written as glTF reads back with the target's joints and every frame.
   const kelvara_test::AppOutcome glb = Kelvara("retarget " + kCmuClip + " --target target.bvh -o out.glb -q");
   ASSERT_EQ(glb.status, 0) << glb.err;
   EXPECT_NE(glb.out.find("wrote out.glb: 21 joints, 2752 frames of"), std::string::npos) << glb.out;
@@ -148,31 +136,13 @@ TEST_F(CliTest, CmuClipRetargetsAndInspects)
   ASSERT_EQ(written.status, 0) << written.err;
   EXPECT_EQ(written.out.rfind("out.glb (GLB)\njoints (21):\n", 0), 0u) << written.out;
   EXPECT_NE(written.out.find("\nframes: 2752\n"), std::string::npos) << written.out;
-  EXPECT_NE(written.out.find("(21 of 21 body parts filled)"), std::string::npos) << written.out;
   EXPECT_EQ(written.out.find("  ["), std::string::npos) << "channels shown for a glTF file";
-}
 
-// A saved character stands for its BVH file byte for byte, as target and as source.
-TEST_F(CliTest, SavedCharactersRetargetLikeTheirBvh)
-{
-  if (!fs::exists(kCmuClip))
-    GTEST_SKIP() << kCmuClip << " is not installed";
-  ASSERT_EQ(Kelvara("demo -o target.bvh --frames 2").status, 0);
   const kelvara_test::AppOutcome saved = Kelvara("character target.bvh -o target.json");
   ASSERT_EQ(saved.status, 0) << saved.err;
   EXPECT_NE(saved.out.find("saved target.json: 21 joints, preset "), std::string::npos) << saved.out;
   EXPECT_NE(saved.out.find(", 21 of 21 body parts filled"), std::string::npos) << saved.out;
   ASSERT_EQ(Kelvara("character " + kCmuClip + " -o source.json").status, 0);
-  ASSERT_EQ(Kelvara("retarget " + kCmuClip + " --target target.bvh -o from_bvh.bvh -q").status, 0);
-  for (const char* args : {"--target target.json -o from_json.bvh",
-                           "--source-character source.json --target target.bvh -o from_json.bvh"})
-  {
-    const kelvara_test::AppOutcome run = Kelvara("retarget " + kCmuClip + " -q " + args);
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(ReadWholeFile(_dir / "from_json.bvh"), ReadWholeFile(_dir / "from_bvh.bvh")) << args;
-    fs::remove(_dir / "from_json.bvh");
-  }
-
   // A saved source for another skeleton, a broken saved target, and a saved character given as
   // the motion are refused.
   Write("broken.json", "{\"format\": \"kelvara character\", \"version\": 1, \"preset\": \"cmu\", \"skeleton\": 3}");
@@ -185,9 +155,9 @@ TEST_F(CliTest, SavedCharactersRetargetLikeTheirBvh)
   for (const auto& [args, message] : refused)
   {
     SCOPED_TRACE(args);
-    const kelvara_test::AppOutcome run = Kelvara("retarget " + args + " -o never.bvh");
-    EXPECT_EQ(run.status, 2);
-    EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+    const kelvara_test::AppOutcome refusal = Kelvara("retarget " + args + " -o never.bvh");
+    EXPECT_EQ(refusal.status, 2);
+    EXPECT_NE(refusal.err.find(message), std::string::npos) << refusal.err;
     EXPECT_FALSE(fs::exists(_dir / "never.bvh"));
   }
 }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <filesystem>
 #include <numbers>
+#include <regex>
 #include <tuple>
 
 #include "anim/pose.h"
@@ -30,11 +31,6 @@ const char* const kCmuClip = "/usr/share/assimp/models/BVH/01_01.bvh";
 constexpr double kDegrees = std::numbers::pi / 180.0;
 using Chains = std::vector<std::vector<std::pair<const char*, const char*>>>; // joints: target, source
 
-Quaternion FromTest(const Quat& q)
-{
-  return {q.w, q.x, q.y, q.z};
-}
-
 std::size_t JointOf(const Skeleton& skeleton, const std::string& name)
 {
   const int j = skeleton.FindJoint(name);
@@ -48,8 +44,7 @@ double BoneError(const Skeleton& source, const Clip& clip, const Skeleton& targe
                  const Chains& chains, double degrees)
 {
   double worst = 0.0;
-  WorldPose sw;
-  WorldPose tw;
+  WorldPose sw, tw;
   for (int frame = 0; frame < clip.frameCount; ++frame)
   {
     EXPECT_TRUE(sw.Evaluate(source, &clip, frame) && tw.Evaluate(target, &output, frame)) << frame;
@@ -115,22 +110,19 @@ TEST(RestRotations, BestFitRecoversAKnownRotationAndKeepsRollOnALine)
 // root -> a -> twist (unmapped, of no length in the source) -> b, and root -> c.
 TEST(RestMatch, MatchesBonesThroughUnmappedJointsAndKeepsTheirLocalRotations)
 {
-  Skeleton target;
-  for (const auto& [name, parent, translation] :
-       {std::tuple{"root", -1, Vector{0, 0, 0}}, std::tuple{"a", 0, Vector{0, 1, 0}},
-        std::tuple{"twist", 1, Vector{0, 1, 0}}, std::tuple{"b", 2, Vector{0, 1, 0}},
-        std::tuple{"c", 0, Vector{1, 0, 0}}})
+  Skeleton target, source;
+  for (const auto& [name, parent, there, here] :
+       {std::tuple{"root", -1, Vector{0, 0, 0}, Vector{0, 0, 0}}, std::tuple{"a", 0, Vector{0, 1, 0}, Vector{0, 0, 2}},
+        std::tuple{"twist", 1, Vector{0, 1, 0}, Vector{0, 0, 0}}, std::tuple{"b", 2, Vector{0, 1, 0}, Vector{1, 0, 1}},
+        std::tuple{"c", 0, Vector{1, 0, 0}, Vector{3, 0, 0}}})
   {
     Joint& j = target.joints.emplace_back();
     j.name = name;
     j.parent = parent;
-    j.translation = translation;
+    j.translation = there;
+    source.joints.push_back(j);
+    source.joints.back().translation = here;
   }
-  Skeleton source = target;
-  source.joints[1].translation = {0, 0, 2};
-  source.joints[2].translation = {0, 0, 0};
-  source.joints[3].translation = {1, 0, 1};
-  source.joints[4].translation = {3, 0, 0};
   const std::vector<int> sourceOfTarget = {0, 1, -1, 3, 4};
   const std::vector<Matrix> targetRest = RestWorld(target);
   const std::vector<Matrix> sourceRest = RestWorld(source);
@@ -149,43 +141,35 @@ class RetargetRoad : public kelvara_test::HelperTest
 {
 protected:
   // Runs clip onto target on the target's own rest or on the one matched to the source's; prepared
-  // brings the options and keeps the pairing.
-  void Retarget(const Skeleton& source, const Clip& clip, const Skeleton& target, PreparedRetarget& prepared,
-                Clip& output, bool matchRest = false)
+  // (when given) brings the options and keeps the pairing.
+  Clip Retarget(const Skeleton& source, const Clip& clip, const Skeleton& target, bool matchRest = false,
+                PreparedRetarget* given = nullptr)
   {
     _sourceSkeleton = source;
     _targetSkeleton = target;
-    std::string error;
-    ASSERT_TRUE(BuildCharacter(_sourceSkeleton, "source", _source, error) &&
-                ChooseAndFillPreset(_source, _helper, "", error) &&
-                BuildCharacter(_targetSkeleton, "target", _target, error) &&
-                ChooseAndFillPreset(_target, _helper, "", error))
-      << error;
+    PreparedRetarget own;
+    PreparedRetarget& prepared = given != nullptr ? *given : own;
     prepared.source = &_source;
     prepared.target = &_target;
     prepared.helper = _helper;
-    ASSERT_TRUE(prepared.Prepare(error)) << error;
+    Clip output;
+    std::string error;
+    EXPECT_TRUE(BuildCharacter(_sourceSkeleton, "source", _source, error) &&
+                ChooseAndFillPreset(_source, _helper, "", error) &&
+                BuildCharacter(_targetSkeleton, "target", _target, error) &&
+                ChooseAndFillPreset(_target, _helper, "", error) && prepared.Prepare(error))
+      << error;
     if (matchRest)
       prepared.targetRest = MatchCharacterRest(_source, _target, prepared.sourceOfTarget).targetRest;
     ClipRetarget run;
-    ASSERT_TRUE(run.Setup(prepared, error) && run.Run(clip, output, error)) << error;
-    ASSERT_TRUE(output.frameCount == clip.frameCount && output.frameTime == clip.frameTime &&
+    EXPECT_TRUE(run.Setup(prepared, error) && run.Run(clip, output, error)) << error;
+    EXPECT_TRUE(output.frameCount == clip.frameCount && output.frameTime == clip.frameTime &&
                 output.jointCount == static_cast<int>(target.Size()));
-  }
-
-  // Runs and keeps only the output.
-  Clip Retarget(const Skeleton& source, const Clip& clip, const Skeleton& target, bool matchRest = false)
-  {
-    PreparedRetarget prepared;
-    Clip output;
-    Retarget(source, clip, target, prepared, output, matchRest);
     return output;
   }
 
-  Skeleton _sourceSkeleton;
-  Skeleton _targetSkeleton;
-  Character _source;
-  Character _target;
+  Skeleton _sourceSkeleton, _targetSkeleton;
+  Character _source, _target;
 };
 
 // The demo target's arms rest 45 degrees below the walk's; a copy of the walk splays its legs 20
@@ -233,13 +217,12 @@ TEST_F(RetargetRoad, MatchingAMatchingRestChangesNothing)
     j.translation = j.translation * 2.0;
   const Clip plain = Retarget(walk.skeleton, walk.clip, target);
   const Clip matched = Retarget(walk.skeleton, walk.clip, target, true);
-  ASSERT_EQ(plain.rotations.size(), matched.rotations.size());
+  ASSERT_TRUE(plain.rotations.size() == matched.rotations.size() &&
+              plain.rootTranslation.size() == matched.rootTranslation.size());
   for (std::size_t i = 0; i < plain.rotations.size(); ++i)
     ASSERT_LT(AngleBetweenDegrees(plain.rotations[i], matched.rotations[i]), 1e-7) << i;
-  for (int frame = 0; frame < plain.frameCount; ++frame)
-    ASSERT_LT(MaxDiff(plain.rootTranslation[static_cast<std::size_t>(frame)],
-                      matched.rootTranslation[static_cast<std::size_t>(frame)]),
-              1e-9);
+  for (std::size_t i = 0; i < plain.rootTranslation.size(); ++i)
+    ASSERT_LT(MaxDiff(plain.rootTranslation[i], matched.rootTranslation[i]), 1e-9) << i;
 }
 
 // The demo target again, its joints resting turned as a glTF rig's do, with offsets that put every
@@ -257,7 +240,7 @@ TEST_F(RetargetRoad, RestRotationsOfTheTargetLeaveItsBonesWhereTheyWere)
     const int parent = target.joints[j].parent;
     const Quat parentWorld = parent < 0 ? Quat() : world[static_cast<std::size_t>(parent)];
     world[j] = parentWorld * rest;
-    turned.joints[j].rotation = FromTest(rest);
+    turned.joints[j].rotation = {rest.w, rest.x, rest.y, rest.z};
     turned.joints[j].translation =
       kelvara_test::Rotate(kelvara_test::Conjugate(parentWorld), target.joints[j].translation);
   }
@@ -266,8 +249,7 @@ TEST_F(RetargetRoad, RestRotationsOfTheTargetLeaveItsBonesWhereTheyWere)
     SCOPED_TRACE(matchRest);
     const Clip plain = Retarget(walk.skeleton, walk.clip, target, matchRest);
     const Clip rotated = Retarget(walk.skeleton, walk.clip, turned, matchRest);
-    WorldPose a;
-    WorldPose b;
+    WorldPose a, b;
     for (int frame = 0; frame < plain.frameCount; ++frame)
     {
       ASSERT_TRUE(a.Evaluate(target, &plain, frame) && b.Evaluate(turned, &rotated, frame));
@@ -277,10 +259,9 @@ TEST_F(RetargetRoad, RestRotationsOfTheTargetLeaveItsBonesWhereTheyWere)
   }
 }
 
-// The clip (resting unturned, root at the origin) onto its skeleton renamed as a game rig, with
-// other bone lengths, legs half again as long, and a map giving the left hand the right hand's.
-// The same rig also stands under an armature authored Z up in centimetres whose root bone turns
-// it back: the world it stands in is the same, and so must the result be.
+// The clip (resting unturned, root at the origin) onto its skeleton renamed as a game rig, with other
+// bone lengths, legs half again as long, and a map giving the left hand the right hand's; also under
+// an armature authored Z up in centimetres whose root bone turns it back: the same world, the same result.
 TEST_F(RetargetRoad, OntoOtherNamesAndLengthsFollowsTheSourceAndTheMap)
 {
   if (!std::filesystem::exists(kCmuClip))
@@ -293,20 +274,18 @@ TEST_F(RetargetRoad, OntoOtherNamesAndLengthsFollowsTheSourceAndTheMap)
   for (std::size_t j = 0; j < target.Size(); ++j)
   {
     std::string& name = target.joints[j].name;
-    const bool leg = name.find("Leg") != std::string::npos || name.find("Foot") != std::string::npos ||
-                     name.find("Toe") != std::string::npos;
+    const bool leg = std::regex_search(name, std::regex("Leg|Foot|Toe"));
     name = "rig:" + name + (j % 2 == 0 ? "" : "_x");
     target.joints[j].translation = target.joints[j].translation * (leg ? 1.5 : 0.5 + 0.05 * static_cast<double>(j));
   }
   target.joints[0].translation = {1.0, 2.0, 3.0};
   const Quat zUpToYUp = kelvara_test::AxisAngle(1, 0, 0, -90);
   Skeleton armature = target;
-  armature.sceneTransform = kelvara_test::Place(zUpToYUp, {});
-  armature.sceneTransform.v1 = armature.sceneTransform.v1 * 0.01;
-  armature.sceneTransform.v2 = armature.sceneTransform.v2 * 0.01;
-  armature.sceneTransform.v3 = armature.sceneTransform.v3 * 0.01;
-  armature.joints[0].rotation = FromTest(kelvara_test::Conjugate(zUpToYUp));
-  armature.joints[0].translation = kelvara_test::Rotate(kelvara_test::Conjugate(zUpToYUp), {100, 200, 300});
+  armature.sceneTransform =
+    kelvara_test::Mul(kelvara_test::Place(zUpToYUp, {}), {{}, {0.01, 0, 0}, {0, 0.01, 0}, {0, 0, 0.01}});
+  const Quat back = kelvara_test::Conjugate(zUpToYUp);
+  armature.joints[0].rotation = {back.w, back.x, back.y, back.z};
+  armature.joints[0].translation = kelvara_test::Rotate(back, {100, 200, 300});
   for (std::size_t j = 1; j < armature.Size(); ++j)
     armature.joints[j].translation = armature.joints[j].translation * 100.0;
 
@@ -324,15 +303,12 @@ TEST_F(RetargetRoad, OntoOtherNamesAndLengthsFollowsTheSourceAndTheMap)
     prepared.mapPairs = pairs;
     prepared.rootMotion = rootMotion;
     prepared.rootScale = rootScale;
-    Clip output;
-    Retarget(source, clip.clip, *onto, prepared, output);
+    const Clip output = Retarget(source, clip.clip, *onto, false, &prepared);
     EXPECT_TRUE(prepared.pairOrigin[left] == "map" && prepared.sourceOfTarget[right] == -1);
-    const std::vector<int>& paired = prepared.sourceOfTarget;
-    EXPECT_GE(std::count_if(paired.begin(), paired.end(), [](int s) { return s >= 0; }), 20);
+    EXPECT_GE(std::ranges::count_if(prepared.sourceOfTarget, [](int s) { return s >= 0; }), 20);
     EXPECT_TRUE(!rootMotion || std::abs(prepared.appliedRootScale - applied) < 1e-12) << prepared.appliedRootScale;
     double worst = 0.0;
-    WorldPose in;
-    WorldPose out;
+    WorldPose in, out;
     for (int frame = 0; frame < clip.clip.frameCount; frame += 3)
     {
       ASSERT_TRUE(in.Evaluate(source, &clip.clip, frame) && out.Evaluate(*onto, &output, frame));
