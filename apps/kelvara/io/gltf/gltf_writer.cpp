@@ -301,6 +301,14 @@ bool GltfBytes(const AnimationFile& target, const Clip& clip, const WriteRequest
     model.asset.generator = "kelvara";
   if (!binary && !model.buffers.empty())
     model.buffers[0].uri.clear(); // written as a data uri: the .gltf stands alone
+  // tinygltf writes an object that has nothing set as null, which no reader takes for a scene or
+  // a node: such ones get a name.
+  for (std::size_t i = 0; i < model.scenes.size(); ++i)
+    if (model.scenes[i].name.empty() && model.scenes[i].nodes.empty())
+      model.scenes[i].name = "scene" + std::to_string(i);
+  for (std::size_t i = 0; i < model.nodes.size(); ++i)
+    if (model.nodes[i].name.empty())
+      model.nodes[i].name = "node" + std::to_string(i);
 
   tinygltf::TinyGLTF writer;
   writer.SetImageWriter(&LeaveImage, nullptr);
