@@ -214,6 +214,22 @@ TEST_F(GltfTest, BrokenFilesAreRefusedNamingTheFile)
             std::string::npos);
 }
 
+TEST_F(GltfTest, ScenesAndNodesWithNothingSetSurviveWriting)
+{
+  // The library under the writer would write such objects as null, which reads back as no glTF.
+  ZUpCharacter c;
+  nlohmann::json document = nlohmann::json::parse(c.Text());
+  document["scenes"].push_back(nlohmann::json::object());
+  document["nodes"].push_back(nlohmann::json::object());
+  const AnimationFile file = Read("empty.gltf", document.dump());
+  std::string glb;
+  std::string error;
+  ASSERT_TRUE(GltfBytes(file, file.clip, WriteRequest(), true, glb, error)) << error;
+  AnimationFile back;
+  ASSERT_TRUE(ReadGltfBytes(glb, "back.glb", "", ReadRequest(), back, error)) << error;
+  EXPECT_EQ(back.skeleton.joints.size(), 3u);
+}
+
 // A tiny PNG made by cairo, as a file beside a .gltf would be.
 std::string PngBytes()
 {
