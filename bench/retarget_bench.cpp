@@ -84,10 +84,7 @@ bool ClipFile(kelvara::AnimationFile& file)
   std::string error;
   if (ClipText().empty() || !kelvara::ReadBvhFromBuffer(ClipText(), "clip", bvh, error))
     return false;
-  kelvara::BvhLayout layout;
-  kelvara::BvhToSkeleton(bvh, file.skeleton, layout);
-  kelvara::BvhToClip(bvh, file.skeleton, file.clip);
-  file.hasClip = true;
+  file = kelvara::BvhToAnimationFile(bvh, true, "clip");
   return true;
 }
 

@@ -16,22 +16,6 @@ namespace
 using telvo::Matrix;
 using telvo::Vector;
 
-AnimationFile FromBvh(const BvhFile& file, bool motion)
-{
-  AnimationFile out;
-  out.format = "BVH";
-  auto layout = std::make_shared<BvhLayout>();
-  BvhToSkeleton(file, out.skeleton, *layout);
-  if (motion)
-  {
-    BvhToClip(file, out.skeleton, out.clip);
-    out.clip.name = "walk";
-    out.hasClip = true;
-  }
-  out.bvhLayout = std::move(layout);
-  return out;
-}
-
 // A box from a to b, as wide as a quarter of its length, into positions, normals and indices.
 void AddBox(const Vector& a, const Vector& b, std::vector<float>& positions, std::vector<float>& normals,
             std::vector<std::uint32_t>& indices)
@@ -68,14 +52,14 @@ AnimationFile DemoSourceFile(int frameCount)
 {
   BvhFile file = MakeDemoSource(frameCount);
   file.path = "(built-in walk)";
-  return FromBvh(file, true);
+  return BvhToAnimationFile(file, true, "walk");
 }
 
 AnimationFile DemoTargetFile()
 {
   BvhFile file = MakeDemoTarget();
   file.path = "(built-in target)";
-  return FromBvh(file, false);
+  return BvhToAnimationFile(file, false, "");
 }
 
 AnimationFile DemoCharacterFile()

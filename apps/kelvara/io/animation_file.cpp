@@ -26,18 +26,7 @@ bool ReadBvhFile(const std::string& path, const ReadRequest& request, AnimationF
   BvhFile file;
   if (!ReadBvh(path, file, error, request.motion ? BvhPart::kWhole : BvhPart::kHierarchy))
     return false;
-  out = AnimationFile();
-  out.format = "BVH";
-  out.warnings = file.warnings;
-  auto layout = std::make_shared<BvhLayout>();
-  BvhToSkeleton(file, out.skeleton, *layout);
-  if (request.motion)
-  {
-    BvhToClip(file, out.skeleton, out.clip);
-    out.clip.name = FileStem(path);
-    out.hasClip = true;
-  }
-  out.bvhLayout = std::move(layout);
+  out = BvhToAnimationFile(file, request.motion, FileStem(path));
   return ValidateSkeleton(out.skeleton, error);
 }
 

@@ -33,7 +33,7 @@ struct PreparedRetarget
   double rootScale = 0.0;          // <= 0: auto, the target's hip height over the source's
   bool rootMotion = true;
   // Per target joint: the rest global matrices the road turns (MatchRestPose), set after
-  // pairing (Prepare or Validate) and before the frames run; empty: the target's own rest.
+  // pairing (Prepare) and before the frames run; empty: the target's own rest.
   std::vector<telvo::Matrix> targetRest;
 
   // Outputs of Prepare.

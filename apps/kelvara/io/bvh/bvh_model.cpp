@@ -108,6 +108,23 @@ void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip)
   }
 }
 
+AnimationFile BvhToAnimationFile(const BvhFile& file, bool motion, const std::string& clipName)
+{
+  AnimationFile out;
+  out.format = "BVH";
+  out.warnings = file.warnings;
+  auto layout = std::make_shared<BvhLayout>();
+  BvhToSkeleton(file, out.skeleton, *layout);
+  if (motion)
+  {
+    BvhToClip(file, out.skeleton, out.clip);
+    out.clip.name = clipName;
+    out.hasClip = true;
+  }
+  out.bvhLayout = std::move(layout);
+  return out;
+}
+
 BvhLayout DefaultBvhLayout(const Skeleton& skeleton, bool moving)
 {
   BvhLayout layout;

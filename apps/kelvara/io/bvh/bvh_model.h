@@ -8,6 +8,7 @@
 
 #include "anim/clip.h"
 #include "anim/skeleton.h"
+#include "io/animation_file.h"
 #include "io/bvh/bvh_file.h"
 
 namespace kelvara
@@ -25,6 +26,10 @@ void BvhToSkeleton(const BvhFile& file, Skeleton& skeleton, BvhLayout& layout);
 // The motion of file as a clip of its skeleton (BvhToSkeleton's): each joint's rotation from its
 // channels in their order, translations from position channels added to the offsets.
 void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip);
+
+// A BVH file as the host's file model: its skeleton and layout, and with motion its clip named
+// clipName (the file's stem when read from disk). Warnings travel along.
+AnimationFile BvhToAnimationFile(const BvhFile& file, bool motion, const std::string& clipName);
 
 // For a skeleton from another format: every root gets "Xposition Yposition Zposition Zrotation
 // Yrotation Xrotation", every other joint "Zrotation Yrotation Xrotation", plus position channels
