@@ -30,16 +30,12 @@ public:
 
   ExitCode Run() override
   {
-    std::string error;
     AnimationFile file;
     _request.motion = false;
-    if (!ReadAnimationFile(_path, _request, file, error))
-      return Report(ExitCode::kBadInput, error);
-    PrintWarnings(file.warnings);
-    Problem problem;
-    if (!CheckPreset(_preset, problem))
-      return Report(problem);
+    if (const ExitCode read = ReadCommandFile(_path, _request, _preset, file); read != ExitCode::kOk)
+      return read;
     return RunWithModule([&] {
+      std::string error;
       Character character;
       telvo::KelvaraHelperRef helper;
       if (!MakeHelper(helper, error) || !BuildCharacter(file.skeleton, "saved", character, error) ||

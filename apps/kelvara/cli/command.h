@@ -45,6 +45,11 @@ std::string DefaultModulePath();
 // it returns. kFailure after saying why on stderr when the module cannot be loaded.
 ExitCode RunWithModule(const std::function<ExitCode()>& work);
 
+// Reads the file a command works on and checks the preset it names: kOk, or the refusal reported
+// (bad input); the file's warnings are printed.
+ExitCode ReadCommandFile(const std::string& path, const ReadRequest& request, const std::string& preset,
+                         AnimationFile& file);
+
 // "kelvara: message" on stderr, and the exit code for it.
 ExitCode Report(const Problem& problem);
 ExitCode Report(ExitCode code, const std::string& message);

@@ -122,6 +122,17 @@ ExitCode Report(const Problem& problem)
   return Report(problem.badInput ? ExitCode::kBadInput : ExitCode::kFailure, problem.message);
 }
 
+ExitCode ReadCommandFile(const std::string& path, const ReadRequest& request, const std::string& preset,
+                         AnimationFile& file)
+{
+  std::string error;
+  if (!ReadAnimationFile(path, request, file, error))
+    return Report(ExitCode::kBadInput, error);
+  PrintWarnings(file.warnings);
+  Problem problem;
+  return CheckPreset(preset, problem) ? ExitCode::kOk : Report(problem);
+}
+
 void PrintWarnings(const std::vector<std::string>& warnings)
 {
   for (const std::string& w : warnings)

@@ -139,14 +139,9 @@ public:
 
   ExitCode Run() override
   {
-    std::string error;
     AnimationFile file;
-    if (!ReadAnimationFile(_path, _request, file, error))
-      return Report(ExitCode::kBadInput, error);
-    PrintWarnings(file.warnings);
-    Problem problem;
-    if (!CheckPreset(_preset, problem))
-      return Report(problem);
+    if (const ExitCode read = ReadCommandFile(_path, _request, _preset, file); read != ExitCode::kOk)
+      return read;
     return RunWithModule([&] { return Inspect(file); });
   }
 
