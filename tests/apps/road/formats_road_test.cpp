@@ -299,39 +299,23 @@ TEST_F(FormatsRoadTest, ZUpCentimetreCharacterTurnsAsTheWalkDoes)
   EXPECT_EQ(check.status, 0) << check.result.dump() << check.err;
 }
 
+// The reader's refusals and their messages are the glTF and assimp tests'; here, that the
+// command turns one into exit status 2 and writes nothing.
 TEST_F(FormatsRoadTest, BrokenCharactersAreRefusedAndNothingIsWritten)
 {
-  const ZUpCentimetres character;
-  const nlohmann::json good = nlohmann::json::parse(character.Text());
-  ASSERT_EQ(Kelvara("retarget '" + kWalk + "' --target zup.gltf -o good.glb -q").status, 2) << "no file yet";
-  std::ofstream(_dir / "zup.gltf") << good.dump();
-  ASSERT_EQ(Kelvara("retarget '" + kWalk + "' --target zup.gltf -o good.glb -q").status, 0);
-  const std::string glb = kelvara_test::ReadWholeFile(_dir / "good.glb");
-
-  nlohmann::json cycle = good;
+  nlohmann::json cycle = nlohmann::json::parse(ZUpCentimetres().Text());
   cycle["nodes"][5]["children"] = {1};
-  nlohmann::json extension = good;
-  extension["extensionsUsed"] = extension["extensionsRequired"] = {"EXT_unknown_thing"};
-  nlohmann::json missing = good;
-  missing["buffers"] = {{{"byteLength", 16}, {"uri", "gone.bin"}}};
-  const std::vector<std::pair<std::string, std::string>> files = {
-    {"cut.glb", glb.substr(0, glb.size() / 3)}, {"missing.gltf", missing.dump()},
-    {"cycle.gltf", cycle.dump()}, {"extension.gltf", extension.dump()}};
-  for (const auto& [name, text] : files)
-  {
-    SCOPED_TRACE(name);
-    std::ofstream(_dir / name, std::ios::binary) << text;
-    const kelvara_test::AppOutcome run = Kelvara("retarget '" + kWalk + "' --target " + name + " -o out.glb -q");
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.err.rfind("kelvara: " + name + ": ", 0), 0u) << run.err;
-    EXPECT_FALSE(fs::exists(_dir / "out.glb"));
-  }
+  std::ofstream(_dir / "cycle.gltf") << cycle.dump();
+  const kelvara_test::AppOutcome run = Kelvara("retarget '" + kWalk + "' --target cycle.gltf -o out.glb -q");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err.rfind("kelvara: cycle.gltf: ", 0), 0u) << run.err;
+  EXPECT_FALSE(fs::exists(_dir / "out.glb"));
   const kelvara_test::AppOutcome spider =
     Kelvara("retarget '" + kWalk + "' --target '" + kModels + "FBX/spider.fbx' -o out.glb -q");
   EXPECT_EQ(spider.status, 2);
   EXPECT_NE(spider.err.find("spider.fbx: expected a skin or an animated node hierarchy"), std::string::npos);
   EXPECT_FALSE(fs::exists(_dir / "out.glb"));
-  const kelvara_test::AppOutcome format = Kelvara("retarget '" + kWalk + "' --target zup.gltf -o out.fbx -q");
+  const kelvara_test::AppOutcome format = Kelvara("retarget '" + kWalk + "' --target cycle.gltf -o out.fbx -q");
   EXPECT_EQ(format.status, 2);
   EXPECT_NE(format.err.find("expected an output of a format kelvara writes"), std::string::npos);
 }
