@@ -106,7 +106,8 @@ struct LegState
 {
   const PlannedFoot* foot = nullptr;
   std::vector<double> weight; // per frame
-  std::vector<Vector> goal;   // per frame: where the ankle is held (weighted)
+  std::vector<Vector> free;   // per frame: the ankle where the transfer put it
+  std::vector<Vector> held;   // per frame with a weight: where the hold puts it
 };
 
 // Moves the ankle of leg in world (posed from the frame's rotations) to goal by turning thigh and
@@ -233,7 +234,7 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
     LegState leg;
     leg.foot = &foot;
     leg.weight.assign(frames, 0.0);
-    leg.goal.assign(frames, Vector{});
+    leg.held.assign(frames, Vector{});
     legs.push_back(std::move(leg));
   }
   if (legs.empty())
@@ -241,6 +242,7 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
   for (LegState& leg : legs)
   {
     const FootTrack track = TrackFoot(tf, output, leg.foot->target, up);
+    leg.free = track.ankle;
     const std::vector<FrameRange>& contacts = leg.foot->contacts;
     const int ease = std::max(1, static_cast<int>(std::lround(kPlantEaseSeconds / output.frameTime)));
     const int lastFrame = static_cast<int>(frames) - 1;
@@ -262,17 +264,13 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
         // (as the transferred ankle rotation holds it) on the ground.
         const double ankleAboveLowest = telvo::Dot(track.ankle[At(f)], up) - track.lowest[At(f)];
         const Vector held = touchDown + up * (plan.targetGround + ankleAboveLowest);
-        const double w = f < r.first ? Ease(static_cast<double>(f - (r.first - easeIn - 1)) / (easeIn + 1))
-                         : f > last  ? Ease(static_cast<double>(last + easeOut + 1 - f) / (easeOut + 1))
+        const double w = f < r.first ? static_cast<double>(f - (r.first - easeIn - 1)) / (easeIn + 1)
+                         : f > last  ? static_cast<double>(last + easeOut + 1 - f) / (easeOut + 1)
                                      : 1.0;
-        leg.weight[At(f)] = w;
-        leg.goal[At(f)] = track.ankle[At(f)] + (held - track.ankle[At(f)]) * w;
+        leg.weight[At(f)] = Ease(w);
+        leg.held[At(f)] = held;
       }
     }
-    // Elsewhere the ankle stays where the transfer put it, wherever the hips go.
-    for (std::size_t f = 0; f < frames; ++f)
-      if (!(leg.weight[f] > 0.0))
-        leg.goal[f] = track.ankle[f];
   }
 
   // How far the hips must go down for each leg to reach its goal, spread over neighbouring frames
@@ -295,7 +293,7 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
         const Vector hip = world[At(t.thigh)].off;
         const double reach = (telvo::Length(world[At(t.shin)].off - hip) +
                               telvo::Length(world[At(t.foot)].off - world[At(t.shin)].off)) * kLongestReach;
-        const Vector toGoal = leg.goal[f] - hip;
+        const Vector toGoal = leg.free[f] + (leg.held[f] - leg.free[f]) * leg.weight[f] - hip;
         const double across = telvo::Length(Across(toGoal, up));
         const double below = -telvo::Dot(toGoal, up);
         const double reachable = across < reach ? std::sqrt(reach * reach - across * across) : 0.0;
@@ -320,24 +318,26 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
     result.hipsLowered = std::max(result.hipsLowered, smoothDrop[f]);
   }
 
-  // Each frame with a foot held or the hips lowered: every leg reaches for its goal (a free foot
-  // for where the transfer put it), the ankle keeping its transferred world rotation.
+  // Each frame with a foot held: the leg reaches from where the transfer put the ankle (gone down
+  // with the hips) towards the hold, the ankle keeping its transferred world rotation. A free leg
+  // keeps its rotations and goes down with the hips.
   WorldPose world;
   for (std::size_t f = 0; f < frames; ++f)
   {
     bool held = false;
     for (const LegState& leg : legs)
       held = held || leg.weight[f] > 0.0;
-    result.plantedFrames += held ? 1 : 0;
-    if (!held && !(smoothDrop[f] > 0.0))
+    if (!held)
       continue;
+    ++result.plantedFrames;
     Quaternion* local = output.rotations.data() + f * tn;
     for (const LegState& leg : legs)
     {
-      if (!world.Evaluate(tf, &output, static_cast<int>(f)))
+      if (!(leg.weight[f] > 0.0) || !world.Evaluate(tf, &output, static_cast<int>(f)))
         continue;
       const Leg& t = leg.foot->target;
-      ReachWithLeg(tf, world, t, leg.goal[f], WorldRotation(world, t.foot), local);
+      const Vector lowered = leg.free[f] - up * smoothDrop[f];
+      ReachWithLeg(tf, world, t, lowered + (leg.held[f] - lowered) * leg.weight[f], WorldRotation(world, t.foot), local);
     }
   }
   return result;
