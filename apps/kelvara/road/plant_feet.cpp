@@ -293,7 +293,9 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
         const Vector hip = world[At(t.thigh)].off;
         const double reach = (telvo::Length(world[At(t.shin)].off - hip) +
                               telvo::Length(world[At(t.foot)].off - world[At(t.shin)].off)) * kLongestReach;
-        const Vector toGoal = leg.free[f] + (leg.held[f] - leg.free[f]) * leg.weight[f] - hip;
+        // The hold itself must be in reach: while easing, the leg's goal lies between it and the
+        // free ankle, which the leg reaches by its own rotations.
+        const Vector toGoal = leg.held[f] - hip;
         const double across = telvo::Length(Across(toGoal, up));
         const double below = -telvo::Dot(toGoal, up);
         const double reachable = across < reach ? std::sqrt(reach * reach - across * across) : 0.0;
