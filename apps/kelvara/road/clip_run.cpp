@@ -56,7 +56,7 @@ bool RunClip(Road& road, ClipRun& run)
   const bool plant = side.prepared.plantFeet;
   FeetPlan feet;
   if (plant || run.describe || run.measure)
-    feet = PlanFeet(side.prepared, run.source.clip);
+    feet = PlanFeet(side.prepared, run.source.clip, run.output);
   Clip otherPlanting; // the output with the other choice of planting, for the report
   if (run.measure)
     otherPlanting = run.output;

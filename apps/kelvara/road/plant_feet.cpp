@@ -32,15 +32,6 @@ Vector Unit(const Vector& v)
   return n > 0.0 ? v * (1.0 / n) : Vector{};
 }
 
-// The lowest point of the foot below ankle in the rest pose, along up.
-double RestLowest(const Skeleton& skeleton, const std::vector<Matrix>& rest, int ankle, const Vector& up)
-{
-  double lowest = telvo::Dot(rest[At(ankle)].off, up);
-  for (int j : FootJoints(skeleton, ankle))
-    lowest = std::min(lowest, telvo::Dot(rest[At(j)].off, up));
-  return lowest;
-}
-
 // A smooth ramp from 0 (t <= 0) to 1 (t >= 1).
 double Ease(double t)
 {
@@ -151,7 +142,7 @@ void ReachWithLeg(const Skeleton& skeleton, const WorldPose& world, const Leg& l
 
 } // namespace
 
-FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source)
+FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Clip& output)
 {
   FeetPlan plan;
   const Character& sc = *prepared.source;
@@ -198,20 +189,23 @@ FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source)
   if (!plan.usable)
     return plan;
   plan.sourceGround = anyFoot ? Floor(lowest) : 0.0;
-  if (prepared.rootMotion)
+  std::vector<double> standing;
+  for (const PlannedFoot& foot : plan.feet)
+    if (foot.target.Complete() && !foot.contacts.empty())
+    {
+      const FootTrack track = TrackFoot(tf, output, foot.target, plan.up);
+      for (const FrameRange& r : foot.contacts)
+        for (int f = r.first; f <= r.last && f < static_cast<int>(track.lowest.size()); ++f)
+          standing.push_back(track.lowest[At(f)]);
+    }
+  if (!standing.empty())
+  {
+    std::nth_element(standing.begin(), standing.begin() + static_cast<std::ptrdiff_t>(standing.size() / 2), standing.end());
+    plan.targetGround = standing[standing.size() / 2];
+  }
+  else
     plan.targetGround = telvo::Dot(tc.restGlobal[0].off, plan.up) +
                         (plan.sourceGround - telvo::Dot(sc.restGlobal[0].off, plan.up)) * prepared.appliedRootScale;
-  else
-  {
-    bool found = false;
-    for (const PlannedFoot& foot : plan.feet)
-      if (foot.target.foot >= 0)
-      {
-        const double h = RestLowest(tf, tc.restGlobal, foot.target.foot, plan.up);
-        plan.targetGround = found ? std::min(plan.targetGround, h) : h;
-        found = true;
-      }
-  }
   return plan;
 }
 

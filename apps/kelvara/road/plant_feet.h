@@ -46,9 +46,11 @@ struct FeetPlan
 };
 
 // The contacts of source (a clip of the prepared source's skeleton) and the grounds: the source's
-// is where its feet go lowest; the target's is that height carried by the root's motion and scale
-// (the target's rest feet without root motion).
-FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source);
+// is where its feet go lowest; the target's is where the transfer (output, not planted yet) puts
+// its feet's lowest points during the contacts, half of them above and half below. Proportions
+// differ, so the source's ground scaled would leave one rig's feet floating and push another's
+// through the floor.
+FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Clip& output);
 
 // What planting did to a clip.
 struct PlantResult

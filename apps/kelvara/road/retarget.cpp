@@ -367,7 +367,7 @@ bool RunWithOtherRest(const PreparedRetarget& prepared, const Clip& clip, Clip& 
   if (!run.Setup(other, error) || !run.Run(clip, output, error))
     return false;
   if (other.plantFeet)
-    PlantFeet(other, PlanFeet(other, clip), output);
+    PlantFeet(other, PlanFeet(other, clip, output), output);
   return true;
 }
 
