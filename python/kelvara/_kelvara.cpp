@@ -42,15 +42,23 @@ PyObject* g_inputError = nullptr; // kelvara.InputError: a file, an option or a 
 PyObject* g_arrayError = nullptr; // kelvara.ArrayError: an array handed in is wrong
 
 // Raises type with message; when message starts with "FILE:" or "FILE:LINE:" for a file the
-// caller knows, the exception's file and line say so (else they are None).
+// caller knows, or names it quoted, the exception's file and line say so (else they are None).
 [[noreturn]] void Raise(PyObject* type, const std::string& message, const std::vector<std::string>& files = {})
 {
   py::object file = py::none();
   py::object line = py::none();
   for (const std::string& f : files)
   {
-    if (f.empty() || message.compare(0, f.size() + 1, f + ":") != 0)
+    if (f.empty())
       continue;
+    if (message.compare(0, f.size() + 1, f + ":") != 0)
+    {
+      // "cannot read 'FILE': why"
+      if (message.find("'" + f + "'") == std::string::npos)
+        continue;
+      file = py::str(f);
+      break;
+    }
     file = py::str(f);
     std::size_t at = f.size() + 1;
     std::size_t end = at;

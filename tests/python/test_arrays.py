@@ -31,10 +31,16 @@ def test_character_of_a_bvh_file(walk_character):
 def test_character_from_assimp_and_a_named_preset(kelvara, humanoid):
     assert humanoid.format not in ("BVH", "glTF")
     assert humanoid.joint_count > 20 and len(humanoid.body_parts) >= 15
-    rest = humanoid.rest
-    # Rigid rest rotations with scale: each 3x3 column has the same length within a joint.
-    lengths = np.linalg.norm(rest[:, :3, :3], axis=1)
-    np.testing.assert_allclose(lengths, lengths[:, :1].repeat(3, axis=1), rtol=1e-6)
+    # Rest transforms for column vectors, parents first: chained under the scene transform they put
+    # every character in one Y-up world, so the hips stand above the feet.
+    world = [None] * humanoid.joint_count
+    for j, parent in enumerate(humanoid.parents):
+        world[j] = (humanoid.scene_transform if parent < 0 else world[parent]) @ humanoid.rest[j]
+    names = humanoid.joint_names
+    hips = world[names.index(humanoid.body_parts["Hips"])][:3, 3]
+    foot = world[names.index(humanoid.body_parts["Left foot"])][:3, 3]
+    assert np.all(humanoid.rest[:, 3, :] == [0, 0, 0, 1])
+    assert hips[1] - foot[1] > 0.5 * np.linalg.norm(hips - foot)
     generic = kelvara.load_character(HUMANOID_X, preset="generic")
     assert generic.preset == "generic" and generic.requested_preset == "generic"
 

@@ -103,6 +103,7 @@ def test_a_worker_killed_in_the_middle(kelvara, tmp_path, cluster):
     batch.join()
 
     result = done["result"]
+    assert pids[0] not in cluster.run(os.getpid).values()  # the worker really went
     assert [c["status"] for c in result.clips] == ["ok"] * 10, result.table()
     expected = expected_output(tmp_path, WALK)
     assert sorted(os.listdir(out)) == sorted(f"walk_{n}.bvh" for n in range(10))  # no temporaries left
