@@ -12,7 +12,8 @@ Each task runs kelvara.retarget_file on a worker: the same code and bytes as ``k
 A worker reads and builds the target once for all its clips. Every output is written atomically
 (a temporary file renamed over it) and is the same bytes whichever worker writes it, so a task
 that Dask runs again after losing a worker only writes the same file again. A clip that fails is
-reported in the result and the others go on. Paths must mean the same files on every worker.
+reported in the result and the others go on. Paths are made absolute before the tasks go out and must mean the same files on every worker
+(a shared folder).
 """
 
 from __future__ import annotations
@@ -125,16 +126,20 @@ def retarget_many(sources: Iterable[Union[str, "os.PathLike[str]"]], target: Uni
     (the command's, with its defaults). Options and output names are checked before any task is
     submitted (InputError or TypeError). Returns a BatchResult; ``report`` also writes it as JSON.
     """
-    sources = [os.fspath(s) for s in sources]
-    target = os.fspath(target)
-    out_dir = os.fspath(out_dir)
+    # Absolute, since a worker's current folder is its own.
+    sources = [os.path.abspath(os.fspath(s)) for s in sources]
+    target = os.path.abspath(os.fspath(target))
+    out_dir = os.path.abspath(os.fspath(out_dir))
     if preset:
         options.setdefault("source_preset", preset)
         options.setdefault("target_preset", preset)
     if isinstance(joint_map, Mapping):
         options["map_text"] = json.dumps(dict(joint_map))
     elif joint_map is not None:
-        options["map"] = os.fspath(joint_map)
+        options["map"] = os.path.abspath(os.fspath(joint_map))
+    for name in ("map", "source_character"):
+        if options.get(name):
+            options[name] = os.path.abspath(os.fspath(options[name]))
     kelvara.road_options(target=target, **options)  # unknown names and bad values fail here
     outputs = [kelvara._kelvara.batch_output_path(out_dir, s, output_format or "", target) for s in sources]
     seen = {}
