@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from conftest import HUMANOID_X, JUMP, WALK
+from conftest import HUMANOID_X, JUMP, WALK, run_command
 
 
 def same_rotations(a, b, tolerance):
@@ -107,3 +107,17 @@ def test_arrays_of_other_types_and_layouts_are_taken(kelvara, walk_character):
     strided = np.asfortranarray(clip.rotations.astype(np.float32))
     again = kelvara.Clip(strided, clip.root_translation.tolist(), clip.frame_time)
     np.testing.assert_allclose(again.rotations, clip.rotations, atol=1e-6)
+
+
+def test_saved_character_is_the_one_saved(kelvara, tmp_path, walk_character, walk):
+    saved = tmp_path / "walk.json"
+    run_command("character", WALK, "-o", saved, "--preset", "game")
+    again = kelvara.load_character(saved)
+    assert again.joint_names == walk_character.joint_names
+    np.testing.assert_array_equal(again.parents, walk_character.parents)
+    np.testing.assert_allclose(again.rest, walk_character.rest, atol=1e-12)
+    # Used as saved: the preset it was saved with, not the one that fills the most.
+    assert again.preset == "game" and walk_character.preset == "cmu"
+    # A saved source stands for clips of its skeleton.
+    out, report = kelvara.retarget(walk, again, kelvara.load_character(JUMP))
+    assert report["sourceCharacter"]["preset"] == "game" and out.frame_count == walk.frame_count
