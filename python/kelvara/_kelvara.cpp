@@ -402,7 +402,6 @@ py::object RetargetFile(const std::string& source, const std::string& output, co
   }
   if (!ok)
     Raise(run.problem, {source, output, options.targetPath, options.mapPath, options.sourceCharacterPath});
-  run.clip.frames = run.output.frameCount;
   return ReportObject(run.clip, run.readSeconds + run.solveSeconds + run.writeSeconds);
 }
 
