@@ -102,6 +102,36 @@ std::string ModulePath()
 // roads (module objects) until the very end.
 telvo::LoadedModule* g_module = nullptr;
 
+// Roads by their options, made on first use and kept for later calls: retargeting many clips
+// onto one target reads and builds the target once. A handful of option sets at most; the oldest
+// goes first (a caller still using it keeps it alive).
+class RoadCache
+{
+public:
+  // The road for options, set up by make(road, problem) the first time; null with problem set
+  // when that fails (nothing is kept then).
+  template <typename Make>
+  std::shared_ptr<Road> Get(const RoadOptions& options, Problem& problem, Make make)
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    for (const auto& [o, road] : _roads)
+      if (o == options)
+        return road;
+    auto road = std::make_shared<Road>(options);
+    if (!make(*road, problem))
+      return nullptr;
+    if (_roads.size() >= kKept)
+      _roads.erase(_roads.begin());
+    _roads.emplace_back(options, road);
+    return road;
+  }
+
+private:
+  static constexpr std::size_t kKept = 8;
+  std::mutex _mutex;
+  std::vector<std::pair<RoadOptions, std::shared_ptr<Road>>> _roads;
+};
+
 // ---- characters
 
 // A character as the command reads a target: the file read with the skeleton root, the module
@@ -114,9 +144,7 @@ struct CharacterData
   bool saved = false; // a saved character (.json), used as saved
   std::unique_ptr<Road> road; // its target side holds the file and the built character
 
-  // Roads that retarget onto this character, one per set of options, made on first use.
-  std::mutex mutex;
-  std::vector<std::pair<RoadOptions, std::shared_ptr<Road>>> roads;
+  RoadCache roads; // roads onto this character
 
   const AnimationFile& File() const { return road->Target(); }
   const Character& Built() const { return road->TargetCharacter(); }
@@ -154,17 +182,10 @@ std::shared_ptr<Road> RoadOnto(CharacterData& target, RoadOptions options, Probl
   options.targetPath = target.path;
   options.targetSkeletonRoot = target.skeletonRoot;
   options.targetPreset = target.preset;
-  std::lock_guard<std::mutex> lock(target.mutex);
-  for (const auto& [o, road] : target.roads)
-    if (o == options)
-      return road;
-  auto road = std::make_shared<Road>(options);
   // A saved target is read again so that it is used as saved; any other needs no second read.
-  const bool ok = target.saved ? road->Setup(problem) : road->Setup(target.File(), problem);
-  if (!ok)
-    return nullptr;
-  target.roads.emplace_back(options, road);
-  return road;
+  return target.roads.Get(options, problem, [&](Road& road, Problem& p) {
+    return target.saved ? road.Setup(p) : road.Setup(target.File(), p);
+  });
 }
 
 py::array_t<double> Matrix4(const telvo::Matrix& m)
@@ -360,25 +381,13 @@ py::tuple Retarget(const ClipData& clip, const CharacterData& source, CharacterD
   return py::make_tuple(ClipPtr(out), ReportObject(run.clip, run.solveSeconds));
 }
 
-// The roads of retarget_file, one per set of options, kept for the life of the process: a
-// worker that retargets many clips onto one target reads and builds the target once.
-std::mutex g_fileRoadsMutex;
-std::vector<std::pair<RoadOptions, std::shared_ptr<Road>>> g_fileRoads;
+// The roads of retarget_file, for the life of the process: a worker of a batch reads and builds
+// the target once for all its clips.
+RoadCache g_fileRoads;
 
 std::shared_ptr<Road> FileRoad(const RoadOptions& options, Problem& problem)
 {
-  std::lock_guard<std::mutex> lock(g_fileRoadsMutex);
-  for (const auto& [o, road] : g_fileRoads)
-    if (o == options)
-      return road;
-  auto road = std::make_shared<Road>(options);
-  if (!road->Setup(problem))
-    return nullptr;
-  // A handful of targets at most in one process; the oldest goes first.
-  if (g_fileRoads.size() >= 8)
-    g_fileRoads.erase(g_fileRoads.begin());
-  g_fileRoads.emplace_back(options, road);
-  return road;
+  return g_fileRoads.Get(options, problem, [](Road& road, Problem& p) { return road.Setup(p); });
 }
 
 // One file onto options.targetPath, written to output exactly as `kelvara retarget SOURCE
