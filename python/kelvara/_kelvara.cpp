@@ -414,17 +414,24 @@ py::object RetargetFile(const std::string& source, const std::string& output, co
   return ReportObject(run.clip, run.readSeconds + run.solveSeconds + run.writeSeconds);
 }
 
-// --root-scale: "auto" or a positive number.
+// --root-scale: "auto" or a positive number, also as text (as a command line gives it).
 double ParseRootScale(const py::object& value)
 {
-  if (py::isinstance<py::str>(value) && value.cast<std::string>() == "auto")
-    return 0.0;
-  if (!py::isinstance<py::str>(value))
+  double scale = 0.0;
+  if (py::isinstance<py::str>(value))
   {
-    const double scale = py::float_(value).cast<double>();
-    if (std::isfinite(scale) && scale > 0.0)
-      return scale;
+    const std::string text = value.cast<std::string>();
+    if (text == "auto")
+      return 0.0;
+    char* end = nullptr;
+    scale = std::strtod(text.c_str(), &end);
+    if (text.empty() || end != text.c_str() + text.size())
+      scale = 0.0;
   }
+  else if (!value.is_none() && !py::isinstance<py::bool_>(value) && PyNumber_Check(value.ptr()))
+    scale = py::float_(value).cast<double>();
+  if (std::isfinite(scale) && scale > 0.0)
+    return scale;
   Raise(g_inputError, "expected \"auto\" or a positive number for root_scale, found " + py::repr(value).cast<std::string>());
 }
 

@@ -50,8 +50,9 @@ def test_bad_options(kelvara, walk, walk_character, out_dir):
     target = kelvara.load_character(JUMP)
     with pytest.raises(kelvara.InputError, match="root_scale"):
         kelvara.retarget(walk, walk_character, target, root_scale=-1)
-    with pytest.raises(kelvara.InputError, match="root_scale"):
-        kelvara.retarget(walk, walk_character, target, root_scale="big")
+    for bad in ("big", "0.5x", True, None, float("nan")):
+        with pytest.raises(kelvara.InputError, match="root_scale"):
+            kelvara.retarget(walk, walk_character, target, root_scale=bad)
     with pytest.raises(TypeError, match="unknown option"):
         kelvara.retarget(walk, walk_character, target, match_rests=True)
     with pytest.raises(TypeError, match="from its characters"):

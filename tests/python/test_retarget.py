@@ -60,6 +60,8 @@ def test_a_map_as_a_dict_or_a_file_pairs_the_same(kelvara, tmp_path, walk_charac
 def test_defaults_are_the_commands(kelvara):
     defaults = kelvara.default_options()
     assert defaults["root_scale"] == "auto" and defaults["root_motion"] is True
+    assert kelvara.road_options(root_scale="0.5").root_scale == 0.5  # as a command line gives it
+    assert kelvara.road_options(root_scale=2).root_scale == 2.0
     # The command's help states its own defaults for the flags that turn options on.
     help_text = run_command("retarget", "--help").stdout
     for name, value in defaults.items():
