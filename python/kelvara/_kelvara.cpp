@@ -504,19 +504,26 @@ PYBIND11_MODULE(_kelvara, m)
     .def_readwrite("match_rest", &RoadOptions::matchRest, (std::string("--match-rest: ") + kMatchRestHelp).c_str());
 
   py::class_<CharacterData, CharacterPtr>(m, "Character", "A character read and built as the command builds it.")
-    .def_property_readonly("path", [](const CharacterData& c) { return c.path; })
-    .def_property_readonly("skeleton_root", [](const CharacterData& c) { return c.skeletonRoot; })
-    .def_property_readonly("requested_preset", [](const CharacterData& c) { return c.preset; })
-    .def_property_readonly("format", [](const CharacterData& c) { return c.File().format; })
-    .def_property_readonly("warnings", [](const CharacterData& c) { return c.File().warnings; })
-    .def_property_readonly("joint_count", [](const CharacterData& c) { return c.File().skeleton.Size(); })
+    .def_property_readonly("path", [](const CharacterData& c) { return c.path; },
+                           "the file read")
+    .def_property_readonly("skeleton_root", [](const CharacterData& c) { return c.skeletonRoot; },
+                           "the node whose subtree is the skeleton (\"\" the skins' joints)")
+    .def_property_readonly("requested_preset", [](const CharacterData& c) { return c.preset; },
+                           "the preset asked for (\"\" the best filling one)")
+    .def_property_readonly("format", [](const CharacterData& c) { return c.File().format; },
+                           "\"BVH\", \"glTF\", \"FBX\", ... the file's format")
+    .def_property_readonly("warnings", [](const CharacterData& c) { return c.File().warnings; },
+                           "\"FILE:LINE: ...\" texts of the reader")
+    .def_property_readonly("joint_count", [](const CharacterData& c) { return c.File().skeleton.Size(); },
+                           "number of joints")
     .def_property_readonly("joint_names",
                            [](const CharacterData& c) {
                              std::vector<std::string> names;
                              for (const Joint& j : c.File().skeleton.joints)
                                names.push_back(j.name);
                              return names;
-                           })
+                           },
+                           "joint names, parents before children")
     .def_property_readonly("parents",
                            [](const CharacterData& c) {
                              const std::vector<Joint>& joints = c.File().skeleton.joints;
@@ -524,7 +531,8 @@ PYBIND11_MODULE(_kelvara, m)
                              for (std::size_t i = 0; i < joints.size(); ++i)
                                a.mutable_at(i) = joints[i].parent;
                              return a;
-                           })
+                           },
+                           "int32 parent index per joint, -1 for a root")
     .def_property_readonly("rest",
                            [](const CharacterData& c) {
                              const std::vector<Joint>& joints = c.File().skeleton.joints;
@@ -539,13 +547,19 @@ PYBIND11_MODULE(_kelvara, m)
                                    r(static_cast<py::ssize_t>(i), row, col) = v(row, col);
                              }
                              return a;
-                           })
-    .def_property_readonly("scene_transform", [](const CharacterData& c) { return Matrix4(c.File().skeleton.sceneTransform); })
-    .def_property_readonly("metres_per_unit", [](const CharacterData& c) { return c.File().skeleton.metresPerUnit; })
-    .def_property_readonly("preset", [](const CharacterData& c) { return c.Built().preset; })
+                           },
+                           "(J, 4, 4) local rest transforms T * R * S for column vectors, in the file's units")
+    .def_property_readonly("scene_transform", [](const CharacterData& c) { return Matrix4(c.File().skeleton.sceneTransform); },
+                           "(4, 4) world matrix of the roots' parent (axis and unit conversion; Y up)")
+    .def_property_readonly("metres_per_unit", [](const CharacterData& c) { return c.File().skeleton.metresPerUnit; },
+                           "length of one unit in metres; 0 when the file does not say")
+    .def_property_readonly("preset", [](const CharacterData& c) { return c.Built().preset; },
+                           "the keyword preset that filled the body parts")
     .def_property_readonly("preset_reason",
-                           [](const CharacterData& c) { return DescribeCharacter(c.Built(), !c.preset.empty()).presetReason; })
-    .def_property_readonly("notes", [](const CharacterData& c) { return c.Built().notes; })
+                           [](const CharacterData& c) { return DescribeCharacter(c.Built(), !c.preset.empty()).presetReason; },
+                           "why that preset was chosen")
+    .def_property_readonly("notes", [](const CharacterData& c) { return c.Built().notes; },
+                           "texts of the character builder (sides swapped, joints claimed twice)")
     .def_property_readonly("body_parts", [](const CharacterData& c) {
       py::dict parts;
       const Character& built = c.Built();
@@ -553,32 +567,40 @@ PYBIND11_MODULE(_kelvara, m)
         if (const int joint = built.partJoint[static_cast<std::size_t>(part)]; joint >= 0)
           parts[py::str(GetBodyPartInfo(part).name)] = c.File().skeleton.joints[static_cast<std::size_t>(joint)].name;
       return parts;
-    });
+    },
+                           "{body part: joint name} for every filled body part");
 
   py::class_<ClipData, ClipPtr>(m, "Clip", "Local rotations of every joint per frame and the root's translation.")
     .def(py::init(&ClipFromArrays), py::arg("rotations"), py::arg("root_translation"), py::arg("frame_time"),
          py::arg("name") = "clip", py::arg("translations") = std::nullopt)
-    .def_property_readonly("name", [](const ClipData& c) { return c.clip.name; })
-    .def_property_readonly("frame_time", [](const ClipData& c) { return c.clip.frameTime; })
-    .def_property_readonly("frame_count", [](const ClipData& c) { return c.clip.frameCount; })
-    .def_property_readonly("joint_count", [](const ClipData& c) { return c.clip.jointCount; })
+    .def_property_readonly("name", [](const ClipData& c) { return c.clip.name; },
+                           "the animation's name (glTF writes it), or the file's stem")
+    .def_property_readonly("frame_time", [](const ClipData& c) { return c.clip.frameTime; },
+                           "seconds from one frame to the next")
+    .def_property_readonly("frame_count", [](const ClipData& c) { return c.clip.frameCount; },
+                           "number of frames")
+    .def_property_readonly("joint_count", [](const ClipData& c) { return c.clip.jointCount; },
+                           "number of joints")
     .def_property_readonly("rotations",
                            [](py::object self) {
                              const Clip& c = self.cast<const ClipData&>().clip;
                              return View(c.rotations.data(), {c.frameCount, c.jointCount, 4}, self);
-                           })
+                           },
+                           "(F, J, 4) local rotations as unit quaternions w, x, y, z; read-only, no copy")
     .def_property_readonly("root_translation",
                            [](py::object self) {
                              const Clip& c = self.cast<const ClipData&>().clip;
                              return View(c.rootTranslation.data(), {c.frameCount, 3}, self);
-                           })
+                           },
+                           "(F, 3) local translation of joint 0; read-only, no copy")
     .def_property_readonly("translations",
                            [](py::object self) -> py::object {
                              const Clip& c = self.cast<const ClipData&>().clip;
                              if (c.translations.empty())
                                return py::none();
                              return View(c.translations.data(), {c.frameCount, c.jointCount, 3}, self);
-                           })
+                           },
+                           "(F, J, 3) local translations of every joint, or None; read-only, no copy")
     .def("_save", &SaveClip, py::arg("path"), py::arg("character"), py::arg("replace_animations") = false,
          py::arg("animation_name") = "")
     .def_property_readonly("driven", [](const ClipData& c) -> py::object {
@@ -588,7 +610,8 @@ PYBIND11_MODULE(_kelvara, m)
       for (std::size_t i = 0; i < c.driven.size(); ++i)
         a.mutable_at(i) = c.driven[i];
       return a;
-    });
+    },
+                           "per target joint, whether a source joint drives it (retargeted clips), else None");
 
   m.def("load_character", &LoadCharacter, py::arg("path"), py::arg("preset") = "", py::arg("skeleton_root") = "");
   m.def("load_clip", &LoadClip, py::arg("path"), py::arg("animation") = "", py::arg("skeleton_root") = "");
