@@ -95,19 +95,18 @@ def test_the_solve_lets_other_python_threads_run(kelvara, walk, walk_character, 
     done = threading.Event()
 
     def solve():
-        kelvara.retarget(walk, walk_character, humanoid)
+        for _ in range(3):
+            kelvara.retarget(walk, walk_character, humanoid)
         done.set()
 
     worker = threading.Thread(target=solve)
-    started = time.monotonic()
     worker.start()
     while not done.is_set():
         ticks.append(time.monotonic())
         time.sleep(0.001)
     worker.join()
-    elapsed = time.monotonic() - started
-    # Holding the GIL through the solve would leave this thread a handful of ticks at most.
-    assert elapsed > 0.05 and len(ticks) > 10 * max(1, int(elapsed * 10))
+    # Holding the GIL through each solve would leave this thread a tick between solves at most.
+    assert len(ticks) >= 10, len(ticks)
 
 
 def test_threads_retarget_at_once_with_equal_results(kelvara, walk, walk_character, humanoid):
