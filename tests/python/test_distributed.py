@@ -100,6 +100,7 @@ def test_a_worker_killed_in_the_middle(kelvara, tmp_path, cluster):
         assert batch.is_alive(), "the batch ended before a worker could be killed"
         time.sleep(0.05)
     os.kill(pids[0], signal.SIGKILL)
+    assert batch.is_alive() and len(os.listdir(out)) < 10  # killed with clips still to go
     batch.join()
 
     result = done["result"]
