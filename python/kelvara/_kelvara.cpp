@@ -291,7 +291,8 @@ ClipPtr ClipFromArrays(const DoubleArray& rotations, const DoubleArray& rootTran
                  "]: expected a unit quaternion (w, x, y, z) within 1e-3, found length " + std::to_string(norm));
   }
   clip.rootTranslation.resize(static_cast<std::size_t>(frames));
-  std::memcpy(static_cast<void*>(clip.rootTranslation.data()), rootTranslation.data(), clip.rootTranslation.size() * sizeof(telvo::Vector));
+  std::memcpy(static_cast<void*>(clip.rootTranslation.data()), rootTranslation.data(),
+              clip.rootTranslation.size() * sizeof(telvo::Vector));
   if (translations)
   {
     clip.translations.resize(n);
@@ -432,7 +433,8 @@ double ParseRootScale(const py::object& value)
     scale = py::float_(value).cast<double>();
   if (std::isfinite(scale) && scale > 0.0)
     return scale;
-  Raise(g_inputError, "expected \"auto\" or a positive number for root_scale, found " + py::repr(value).cast<std::string>());
+  Raise(g_inputError,
+        "expected \"auto\" or a positive number for root_scale, found " + py::repr(value).cast<std::string>());
 }
 
 py::object MakeException(py::module_& m, const char* name, py::tuple bases, const char* doc)
@@ -440,7 +442,8 @@ py::object MakeException(py::module_& m, const char* name, py::tuple bases, cons
   py::dict namespace_;
   namespace_["__doc__"] = doc;
   namespace_["__module__"] = "kelvara";
-  py::object type = py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(&PyType_Type))(name, bases, namespace_);
+  py::object typeType = py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(&PyType_Type));
+  py::object type = typeType(name, bases, namespace_);
   m.attr(name) = type;
   return type;
 }
@@ -490,9 +493,11 @@ PYBIND11_MODULE(_kelvara, m)
     .def_readwrite("animation", &RoadOptions::animation,
                    "--animation: animation of a source file, by name or index (\"\": the first)")
     .def_readwrite("map", &RoadOptions::mapPath, "--map: JSON file {\"target joint\": \"source joint\"}")
-    .def_readwrite("map_text", &RoadOptions::mapText, "the same JSON object as text")
-    .def_readwrite("source_preset", &RoadOptions::sourcePreset, "--source-preset (\"\": the best filling one)")
-    .def_readwrite("target_preset", &RoadOptions::targetPreset, "--target-preset (\"\": the best filling one)")
+    .def_readwrite("map_text", &RoadOptions::mapText, "map_text: the same JSON object as text")
+    .def_readwrite("source_preset", &RoadOptions::sourcePreset,
+                   "--source-preset: keyword preset for the source (\"\": the one that fills the most body parts)")
+    .def_readwrite("target_preset", &RoadOptions::targetPreset,
+                   "--target-preset: keyword preset for the target (\"\": the one that fills the most body parts)")
     .def_property(
       "root_scale",
       [](const RoadOptions& o) -> py::object {
@@ -536,11 +541,13 @@ PYBIND11_MODULE(_kelvara, m)
     .def_property_readonly("rest",
                            [](const CharacterData& c) {
                              const std::vector<Joint>& joints = c.File().skeleton.joints;
-                             py::array_t<double> a({static_cast<py::ssize_t>(joints.size()), py::ssize_t{4}, py::ssize_t{4}});
+                             const auto count = static_cast<py::ssize_t>(joints.size());
+                             py::array_t<double> a({count, py::ssize_t{4}, py::ssize_t{4}});
                              auto r = a.mutable_unchecked<3>();
                              for (std::size_t i = 0; i < joints.size(); ++i)
                              {
-                               const auto m4 = Matrix4(LocalMatrix(joints[i].translation, joints[i].rotation, joints[i].scale));
+                               const Joint& joint = joints[i];
+                               const auto m4 = Matrix4(LocalMatrix(joint.translation, joint.rotation, joint.scale));
                                auto v = m4.unchecked<2>();
                                for (py::ssize_t row = 0; row < 4; ++row)
                                  for (py::ssize_t col = 0; col < 4; ++col)
@@ -549,14 +556,17 @@ PYBIND11_MODULE(_kelvara, m)
                              return a;
                            },
                            "(J, 4, 4) local rest transforms T * R * S for column vectors, in the file's units")
-    .def_property_readonly("scene_transform", [](const CharacterData& c) { return Matrix4(c.File().skeleton.sceneTransform); },
+    .def_property_readonly("scene_transform",
+                           [](const CharacterData& c) { return Matrix4(c.File().skeleton.sceneTransform); },
                            "(4, 4) world matrix of the roots' parent (axis and unit conversion; Y up)")
     .def_property_readonly("metres_per_unit", [](const CharacterData& c) { return c.File().skeleton.metresPerUnit; },
                            "length of one unit in metres; 0 when the file does not say")
     .def_property_readonly("preset", [](const CharacterData& c) { return c.Built().preset; },
                            "the keyword preset that filled the body parts")
     .def_property_readonly("preset_reason",
-                           [](const CharacterData& c) { return DescribeCharacter(c.Built(), !c.preset.empty()).presetReason; },
+                           [](const CharacterData& c) {
+                             return DescribeCharacter(c.Built(), !c.preset.empty()).presetReason;
+                           },
                            "why that preset was chosen")
     .def_property_readonly("notes", [](const CharacterData& c) { return c.Built().notes; },
                            "texts of the character builder (sides swapped, joints claimed twice)")

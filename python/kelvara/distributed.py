@@ -21,6 +21,7 @@ from __future__ import annotations
 import argparse
 import json
 import os
+import re
 import sys
 import tempfile
 import time
@@ -200,13 +201,15 @@ def _parser() -> argparse.ArgumentParser:
         if name == "map_text":
             continue
         value = defaults[name]
+        text = re.sub(r"^--[\w-]+: ", "", getattr(kelvara.RoadOptions, name).__doc__ or "").replace("%", "%%")
         if value is True:
-            parser.add_argument("--no-" + name.replace("_", "-"), dest=name, action="store_false", default=None)
+            parser.add_argument("--no-" + name.replace("_", "-"), dest=name, action="store_false", default=None,
+                                help=text)
         elif value is False:
-            parser.add_argument(_option_flag(name), dest=name, action="store_true", default=None)
+            parser.add_argument(_option_flag(name), dest=name, action="store_true", default=None, help=text)
         else:
             parser.add_argument(_option_flag(name), dest=name, default=None, required=name == "target",
-                                help=f"default: {value!r}" if value != "" else None)
+                                help=text + (f" (default: {value})" if value != "" else ""))
     return parser
 
 
