@@ -8,7 +8,7 @@ exactly as ``kelvara retarget`` does; this package turns arrays into clips and b
     source = kelvara.load_character("walk.bvh")
     target = kelvara.load_character("hero.glb")
     clip = kelvara.load_clip("walk.bvh")
-    out, report = kelvara.retarget(clip, source, target, match_rest=True)
+    out, report = kelvara.retarget(clip, source, target, plant_feet=False)
     out.rotations            # (frames, joints, 4) quaternions w, x, y, z, read-only, no copy
     out.save("hero_walk.glb", character=target)
 
@@ -57,7 +57,8 @@ CHARACTER_OPTIONS = frozenset(
 
 def option_names() -> list:
     """Every option of a retarget, by the command's names in snake case (``--root-scale`` is
-    ``root_scale``, ``--no-root-motion`` is ``root_motion=False``)."""
+    ``root_scale``, ``--no-root-motion`` is ``root_motion=False``, ``--keep-rest`` is
+    ``match_rest=False``)."""
     return sorted(name for name in dir(RoadOptions) if not name.startswith("_"))
 
 
@@ -119,8 +120,9 @@ def retarget(clip: Clip, source: Character, target: Character, *,
     """Carries clip, a motion of source's skeleton, onto target; returns the target's clip and a
     report.
 
-    Options are the command's, with its defaults (see default_options()): ``match_rest``,
-    ``root_scale`` ("auto" or a number), ``root_motion``. ``joint_map`` is a file or a dict
+    Options are the command's, with its defaults (see default_options()): ``match_rest``
+    (False for --keep-rest), ``plant_feet`` (False for --no-plant-feet), ``root_scale`` ("auto" or
+    a number), ``root_motion`` (False for --no-root-motion). ``joint_map`` is a file or a dict
     {"target joint": "source joint"} over the keyword pairing. Presets and skeleton roots are the
     characters' own (load_character).
 

@@ -33,6 +33,7 @@ class RoadOptions:
     root_scale: Union[str, float]
     root_motion: bool
     match_rest: bool
+    plant_feet: bool
     def __init__(self) -> None: ...
 
 class Character:
@@ -101,8 +102,8 @@ def load_character(path: PathLike, preset: Optional[str] = None, skeleton_root: 
 def load_clip(path: PathLike, animation: Union[str, int, None] = None,
               skeleton_root: Optional[str] = None) -> Clip: ...
 def retarget(clip: Clip, source: Character, target: Character, *, joint_map: JointMap = None,
-             measure: bool = False, match_rest: bool = ..., root_scale: Union[str, float] = "auto",
-             root_motion: bool = ..., **options: Any) -> Tuple[Clip, dict[str, Any]]: ...
+             measure: bool = False, match_rest: bool = ..., plant_feet: bool = ...,
+             root_scale: Union[str, float] = "auto", root_motion: bool = ..., **options: Any) -> Tuple[Clip, dict[str, Any]]: ...
 def retarget_file(source: PathLike, output: PathLike, target: PathLike, *, joint_map: JointMap = None,
                   preset: Optional[str] = None, replace_animations: bool = False, measure: bool = True,
                   **options: Any) -> dict[str, Any]: ...

@@ -478,7 +478,9 @@ PYBIND11_MODULE(_kelvara, m)
   m.attr("module_path") = modulePath;
 
   // Every option of the road, by the command's names in snake case; defaults are RoadOptions'
-  // own, the ones the command starts from.
+  // own, the ones the command starts from. Each text starts with the command's flag: for a
+  // boolean, the flag that turns it from its default (the shell entry point takes its flags from
+  // here).
   py::class_<RoadOptions>(m, "RoadOptions", "Options of a retarget, by the command's names; defaults are the "
                                             "command's.")
     .def(py::init<>())
@@ -505,8 +507,10 @@ PYBIND11_MODULE(_kelvara, m)
       },
       [](RoadOptions& o, const py::object& value) { o.rootScale = ParseRootScale(value); },
       "--root-scale: \"auto\" (the target's hip height over the source's) or a positive number")
-    .def_readwrite("root_motion", &RoadOptions::rootMotion, "False for --no-root-motion: keep the root in place")
-    .def_readwrite("match_rest", &RoadOptions::matchRest, (std::string("--match-rest: ") + kMatchRestHelp).c_str());
+    .def_readwrite("root_motion", &RoadOptions::rootMotion, "--no-root-motion: keep the root in place")
+    .def_readwrite("match_rest", &RoadOptions::matchRest, (std::string("--keep-rest: ") + kMatchRestHelp).c_str())
+    .def_readwrite("plant_feet", &RoadOptions::plantFeet,
+                   (std::string("--no-plant-feet: ") + kPlantFeetHelp).c_str());
 
   py::class_<CharacterData, CharacterPtr>(m, "Character", "A character read and built as the command builds it.")
     .def_property_readonly("path", [](const CharacterData& c) { return c.path; },

@@ -194,19 +194,20 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--preset", help="keyword preset for both characters")
     parser.add_argument("--report", metavar="REPORT.json", help="the per-clip reports as JSON")
     parser.add_argument("-q", "--quiet", action="store_true", help="print failures and the summary only")
-    # Every option of the road, with the command's flags: a boolean that is on by default is
-    # turned off by --no-NAME, one that is off turned on by --NAME, anything else takes a value.
+    # Every option of the road with the command's flag, which its text starts with: a boolean's
+    # flag turns it from its default, any other option takes a value.
     defaults = kelvara.default_options()
     for name in kelvara.option_names():
         if name == "map_text":
             continue
         value = defaults[name]
-        text = re.sub(r"^--[\w-]+: ", "", getattr(kelvara.RoadOptions, name).__doc__ or "").replace("%", "%%")
-        if value is True:
-            parser.add_argument("--no-" + name.replace("_", "-"), dest=name, action="store_false", default=None,
-                                help=text)
-        elif value is False:
-            parser.add_argument(_option_flag(name), dest=name, action="store_true", default=None, help=text)
+        doc = getattr(kelvara.RoadOptions, name).__doc__ or ""
+        flag = re.match(r"^(--[\w-]+): ", doc)
+        text = doc[flag.end():] if flag else doc
+        text = text.replace("%", "%%")
+        if isinstance(value, bool):
+            parser.add_argument(flag.group(1) if flag else _option_flag(name), dest=name, default=None,
+                                action="store_false" if value else "store_true", help=text)
         else:
             parser.add_argument(_option_flag(name), dest=name, default=None, required=name == "target",
                                 help=text + (f" (default: {value})" if value != "" else ""))

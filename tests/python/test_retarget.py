@@ -12,8 +12,8 @@ from conftest import HUMANOID_X, JUMP, WALK, read_bytes, run_command, short_bvh
 
 @pytest.mark.parametrize("extension,options,flags", [
     (".glb", {}, []),
-    (".gltf", {"match_rest": True, "root_scale": 0.5}, ["--match-rest", "--root-scale", "0.5"]),
-    (".bvh", {"root_motion": False}, ["--no-root-motion"]),
+    (".gltf", {"match_rest": False, "root_scale": 0.5}, ["--keep-rest", "--root-scale", "0.5"]),
+    (".bvh", {"root_motion": False, "plant_feet": False}, ["--no-root-motion", "--no-plant-feet"]),
 ])
 def test_python_result_is_the_commands_output(kelvara, tmp_path, extension, options, flags):
     source = kelvara.load_character(JUMP)
@@ -62,11 +62,13 @@ def test_defaults_are_the_commands(kelvara):
     assert defaults["root_scale"] == "auto" and defaults["root_motion"] is True
     assert kelvara.road_options(root_scale="0.5").root_scale == 0.5  # as a command line gives it
     assert kelvara.road_options(root_scale=2).root_scale == 2.0
-    # The command's help states its own defaults for the flags that turn options on.
+    # Each boolean names the command's flag that turns it from its default.
     help_text = run_command("retarget", "--help").stdout
-    for name, value in defaults.items():
-        if isinstance(value, bool) and value is False:
-            assert "--" + name.replace("_", "-") in help_text, name
+    booleans = [name for name, value in defaults.items() if isinstance(value, bool)]
+    assert {"match_rest", "root_motion", "plant_feet"} <= set(booleans)
+    for name in booleans:
+        flag = getattr(kelvara.RoadOptions, name).__doc__.split(":")[0]
+        assert flag.startswith("--") and flag in help_text, (name, flag)
 
 
 def test_measure_gives_the_quality_figures(kelvara, tmp_path, walk_character, humanoid):
@@ -80,14 +82,19 @@ def test_measure_gives_the_quality_figures(kelvara, tmp_path, walk_character, hu
     assert all(np.isfinite(b["maxAngleDegrees"]) for b in measured["bones"])
 
 
-def test_clip_made_from_arrays_is_retargeted_like_the_file(kelvara, walk, walk_character, humanoid):
+def test_clip_made_from_arrays_is_retargeted_like_the_file(kelvara, tmp_path, walk, walk_character, humanoid):
     head = kelvara.Clip(walk.rotations[:50].copy(), walk.root_translation[:50].copy(), walk.frame_time,
                         name=walk.name)
+    same_file = kelvara.load_clip(short_bvh(tmp_path / "01_01.bvh", 50))
     from_arrays, _ = kelvara.retarget(head, walk_character, humanoid)
-    from_file, _ = kelvara.retarget(walk, walk_character, humanoid)
-    np.testing.assert_array_equal(from_arrays.rotations, from_file.rotations[:50])
-    np.testing.assert_array_equal(from_arrays.root_translation, from_file.root_translation[:50])
+    from_file, _ = kelvara.retarget(same_file, walk_character, humanoid)
+    np.testing.assert_array_equal(from_arrays.rotations, from_file.rotations)
+    np.testing.assert_array_equal(from_arrays.root_translation, from_file.root_translation)
     assert from_arrays.driven is not None and from_arrays.driven.sum() > 15
+    # Without planting each frame stands alone: the head of the whole walk is the walk's head.
+    whole, _ = kelvara.retarget(walk, walk_character, humanoid, plant_feet=False)
+    alone, _ = kelvara.retarget(head, walk_character, humanoid, plant_feet=False)
+    np.testing.assert_array_equal(alone.rotations, whole.rotations[:50])
 
 
 def test_the_solve_lets_other_python_threads_run(kelvara, walk, walk_character, humanoid):
