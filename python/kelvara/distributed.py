@@ -94,7 +94,7 @@ def _make_client(client):
         return client, None
     from dask.distributed import Client, LocalCluster
 
-    cluster = LocalCluster(n_workers=os.cpu_count() or 1, threads_per_worker=1, processes=True,
+    cluster = LocalCluster(n_workers=os.cpu_count() or 1, threads_per_worker=1, processes=True, host="127.0.0.1",
                            dashboard_address=None)
     return Client(cluster), cluster
 
