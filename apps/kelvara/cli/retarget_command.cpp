@@ -216,23 +216,6 @@ private:
     return ExitCode::kOk;
   }
 
-  // The outputs' extension: the one asked for, or the target's own when it can be written.
-  bool BatchExtension(std::string& extension, std::string& error) const
-  {
-    if (!_format.empty())
-    {
-      extension = "." + _format;
-      if (extension == ".bvh" || extension == ".glb" || extension == ".gltf")
-        return true;
-      error = "expected --output-format bvh, glb or gltf, found \"" + _format + "\"";
-      return false;
-    }
-    std::string ext = std::filesystem::path(_road.targetPath).extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
-    extension = ext == ".bvh" || ext == ".gltf" || ext == ".glb" ? ext : ext == ".json" ? ".bvh" : ".glb";
-    return true;
-  }
-
   ExitCode RunBatch(Road& road)
   {
     BatchSettings settings;
@@ -244,7 +227,7 @@ private:
     settings.replaceAnimations = _replaceAnimations;
     settings.terminal = isatty(2) != 0;
     std::string error;
-    if (!BatchExtension(settings.extension, error))
+    if (!BatchExtension(_format, _road.targetPath, settings.extension, error))
       return Report(ExitCode::kBadInput, error);
     if (const std::string collision = OutputCollision(settings); !collision.empty())
       return Report(ExitCode::kBadInput, collision);

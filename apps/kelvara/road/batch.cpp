@@ -1,6 +1,8 @@
 #include "road/batch.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <mutex>
@@ -137,6 +139,23 @@ int BatchResult::Status() const
     if (s == 2 || (s == 1 && worst == 0))
       worst = s;
   return worst;
+}
+
+bool BatchExtension(const std::string& format, const std::string& targetPath, std::string& extension,
+                    std::string& error)
+{
+  if (!format.empty())
+  {
+    extension = "." + format;
+    if (extension == ".bvh" || extension == ".glb" || extension == ".gltf")
+      return true;
+    error = "expected --output-format bvh, glb or gltf, found \"" + format + "\"";
+    return false;
+  }
+  std::string ext = std::filesystem::path(targetPath).extension().string();
+  std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
+  extension = ext == ".bvh" || ext == ".gltf" || ext == ".glb" ? ext : ext == ".json" ? ".bvh" : ".glb";
+  return true;
 }
 
 std::string BatchOutputPath(const std::string& outDir, const std::string& source, const std::string& extension)

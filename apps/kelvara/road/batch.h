@@ -38,6 +38,12 @@ struct BatchResult
   int Status() const;
 };
 
+// The outputs' extension for --output-format (bvh, glb, gltf), or with format empty the target's
+// own when it can be written (a saved character's is .bvh, anything else's .glb). False with a
+// message for any other format.
+bool BatchExtension(const std::string& format, const std::string& targetPath, std::string& extension,
+                    std::string& error);
+
 // OUTDIR/<source stem><extension>.
 std::string BatchOutputPath(const std::string& outDir, const std::string& source, const std::string& extension);
 

@@ -15,7 +15,8 @@ namespace kelvara
 
 struct ClipRun
 {
-  // Inputs. With sourcePath empty, source is taken as already read.
+  // Inputs. With sourcePath empty, source is taken as already read; with outputPath empty, the
+  // output stays in memory (nothing is written; measuring measures it there).
   std::string sourcePath;
   std::string outputPath;
   bool describe = false;  // describe the pairing into `clip` (presets, pairs, side warnings)

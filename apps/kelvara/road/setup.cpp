@@ -22,7 +22,9 @@ bool Road::ReadShared(Problem& problem)
   if (!CheckPreset(_options.sourcePreset, problem) || !CheckPreset(_options.targetPreset, problem))
     return false;
   std::string error;
-  if (!_options.mapPath.empty())
+  if (!_options.mapText.empty())
+    _mapText = _options.mapText;
+  else if (!_options.mapPath.empty())
   {
     if (!ReadWholeFile(_options.mapPath, _mapText, error))
       return problem.Set(true, _options.mapPath + ": cannot be read");
@@ -136,8 +138,8 @@ void Road::Prepare(SourceSide& side)
         return;
       }
   std::vector<JointPair> pairs;
-  if (!_options.mapPath.empty() &&
-      !ParseJointMap(_mapText, _options.mapPath, *side.character.skeleton, _target.skeleton, pairs, error))
+  if ((!_options.mapPath.empty() || !_options.mapText.empty()) &&
+      !ParseJointMap(_mapText, _options.mapPath.empty() ? "joint map" : _options.mapPath, *side.character.skeleton, _target.skeleton, pairs, error))
   {
     problem.Set(true, error);
     return;

@@ -27,12 +27,15 @@ struct RoadOptions
   std::string sourceSkeletonRoot;
   std::string animation;           // which animation of a source file; "" the first
   std::string mapPath;             // JSON {"target joint": "source joint"} over the keyword pairing
+  std::string mapText;             // the same JSON given as text (mapPath then only names it in messages)
   std::string sourcePreset;        // "" the preset that fills the most body parts
   std::string targetPreset;
   double rootScale = 0.0; // <= 0: auto, the target's hip height over the source's
   bool rootMotion = true;
   bool matchRest = true;  // the target's rest turned to the source's first (match_rest.h)
   bool plantFeet = true;  // feet held on the ground during the source's contacts (plant_feet.h)
+
+  friend bool operator==(const RoadOptions&, const RoadOptions&) = default;
 };
 
 // What went wrong and whose fault it was: the input's (a file, an option, a map) or the work's.

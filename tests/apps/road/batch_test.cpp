@@ -13,6 +13,7 @@
 #include "demo/demo.h"
 #include "demo/demo_character.h"
 #include "io/bvh/bvh_file.h"
+#include "road/clip_run.h"
 #include "support/loaded_module.h"
 #include "support/run_app.h"
 
@@ -121,6 +122,52 @@ TEST(BatchNames, OutputPathsAndCollisions)
   settings.sources.push_back("c/walk.glb");
   EXPECT_EQ(OutputCollision(settings),
             "expected sources of distinct names, found a/walk.bvh and c/walk.glb both writing out/walk.bvh");
+}
+
+// The outputs' format: the one asked for, else the target's own when it can be written.
+TEST(BatchNames, OutputFormatByOptionOrTarget)
+{
+  std::string extension;
+  std::string error;
+  ASSERT_TRUE(BatchExtension("gltf", "hero.bvh", extension, error));
+  EXPECT_EQ(extension, ".gltf");
+  const std::pair<const char*, const char*> targets[] = {
+    {"hero.GLB", ".glb"}, {"hero.gltf", ".gltf"}, {"saved.json", ".bvh"}, {"hero.X", ".glb"}, {"walk.bvh", ".bvh"}};
+  for (const auto& [target, expected] : targets)
+  {
+    ASSERT_TRUE(BatchExtension("", target, extension, error));
+    EXPECT_EQ(extension, expected) << target;
+  }
+  EXPECT_FALSE(BatchExtension("fbx", "hero.glb", extension, error));
+  EXPECT_EQ(error, "expected --output-format bvh, glb or gltf, found \"fbx\"");
+}
+
+// A clip kept in memory (no output path) is the clip that would be written, measured the same
+// way, and nothing reaches the disk.
+TEST_F(BatchTest, AClipKeptInMemoryIsTheOneWritten)
+{
+  kelvara_test::LoadedModuleForTests();
+  Road road{RoadOptions()};
+  Problem problem;
+  ASSERT_TRUE(road.Setup(DemoTargetFile(), problem)) << problem.message;
+  ClipRun written;
+  written.source = DemoSourceFile(12);
+  written.outputPath = (_dir / "written.bvh").string();
+  written.measure = true;
+  ClipRun kept;
+  kept.source = written.source;
+  kept.measure = true;
+  ASSERT_TRUE(RunClip(road, written)) << written.problem.message;
+  ASSERT_TRUE(RunClip(road, kept)) << kept.problem.message;
+  EXPECT_EQ(kept.output.rotations, written.output.rotations);
+  EXPECT_EQ(kept.output.frameCount, 12);
+  ASSERT_EQ(kept.clip.bones.size(), written.clip.bones.size());
+  ASSERT_FALSE(kept.clip.bones.empty());
+  // The written file holds six decimals; the clip in memory all of them.
+  for (std::size_t b = 0; b < kept.clip.bones.size(); ++b)
+    EXPECT_NEAR(kept.clip.bones[b].meanDegrees, written.clip.bones[b].meanDegrees, 1e-3);
+  EXPECT_TRUE(kept.clip.ok);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(_dir), {}), 4); // target, a, c, written
 }
 
 // Clips of one skeleton share one prepared side, whatever their length; the smallest change of a
