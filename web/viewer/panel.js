@@ -1,0 +1,99 @@
+// The side panel: what is shown, the colours of the pairs, and with a report its figures.
+function element(tag, className, text) {
+  const e = document.createElement(tag);
+  if (className) e.className = className;
+  if (text !== undefined) e.textContent = text;
+  return e;
+}
+
+function figure(value, digits = 3) {
+  return typeof value === 'number' && Number.isFinite(value) ? Number(value.toPrecision(digits)).toString() : '–';
+}
+
+function section(panel, title) {
+  const s = element('section');
+  s.append(element('h2', '', title));
+  panel.append(s);
+  return s;
+}
+
+function table(parent, head, rows) {
+  const t = element('table');
+  const tr = element('tr');
+  for (const h of head) tr.append(element('th', '', h));
+  t.append(tr);
+  for (const row of rows) {
+    const r = element('tr');
+    for (const cell of row) r.append(cell instanceof Node ? wrap(cell) : element('td', '', cell));
+    t.append(r);
+  }
+  parent.append(t);
+  return t;
+}
+
+function wrap(node) {
+  const td = element('td');
+  td.append(node);
+  return td;
+}
+
+function swatch(colour) {
+  const s = element('span', 'swatch');
+  s.style.background = colour;
+  return s;
+}
+
+// Fills panel; returns per report bone the cell that shows its angle at the current frame.
+export function fillPanel(panel, data) {
+  const report = data.report;
+  const about = section(panel, 'Clip');
+  table(about, ['', ''], [
+    ['source', data.source.name],
+    ['result', data.result.name],
+    ['frames', `${data.frames} at ${figure(1 / data.frameTime)} fps`],
+  ]);
+
+  const liveCells = [];
+  if (report) {
+    const quality = section(panel, 'Report');
+    const rows = [];
+    const presets = (c) => (c && c.preset ? `${c.preset} (${c.filledBodyParts ?? '?'} of 21 parts)` : '–');
+    rows.push(['source preset', presets(report.sourceCharacter)]);
+    rows.push(['target preset', presets(report.targetCharacter)]);
+    if (report.rootScale !== undefined)
+      rows.push(['root scale', `${figure(report.rootScale, 4)}${report.rootScaleAuto ? ' (auto)' : ''}`]);
+    const rest = report.meanBoneAngleDegrees;
+    if (rest)
+      rows.push(['mean bone angle', `${figure(rest.withoutMatchRest)}° own rest, ${figure(rest.withMatchRest)}° matched rest`]);
+    if (report.matchRest !== undefined) rows.push(['rest', report.matchRest ? 'matched to the source' : "the target's own"]);
+    table(quality, ['', ''], rows);
+
+    const sliding = report.footSliding;
+    if (sliding) {
+      const s = section(panel, 'Foot sliding (units/s while low)');
+      const slideRows = [];
+      for (const side of ['source', 'target'])
+        for (const foot of sliding[side] || [])
+          slideRows.push([side, foot.joint, figure(foot.speed), `${figure(foot.lowSeconds)} s`]);
+      table(s, ['', 'joint', 'speed', 'low'], slideRows);
+    }
+
+    if (Array.isArray(report.bones) && report.bones.length) {
+      const s = section(panel, 'Bone angle to source (°)');
+      const boneRows = report.bones.map((bone) => {
+        const live = element('span', 'live', '–');
+        liveCells.push(live);
+        return [`${bone.targetJoint} → ${bone.targetChild}`, live, figure(bone.meanAngleDegrees), figure(bone.maxAngleDegrees)];
+      });
+      table(s, ['bone', 'now', 'mean', 'max'], boneRows);
+    }
+    if (Array.isArray(report.warnings) && report.warnings.length) {
+      const s = section(panel, 'Warnings');
+      for (const w of report.warnings) s.append(element('p', 'warning', w));
+    }
+  }
+
+  const pairs = section(panel, `Pairs (${data.pairs.length})`);
+  table(pairs, ['', 'target', 'source'], data.pairs.map((p) => [swatch(p.colour), p.target, p.source]));
+  return liveCells;
+}
