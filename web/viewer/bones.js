@@ -1,4 +1,4 @@
-// Bones drawn as flat-coloured rods between joints, over the mesh when there is one, so that a
+// Bones drawn as flat-coloured rods between joints, after the (transparent) mesh and over it, so that a
 // bone's colour on screen is exactly the colour it was given (the tests read it back).
 import { Color, CylinderGeometry, Group, Mesh, MeshBasicMaterial, Vector3 } from 'three';
 
@@ -16,7 +16,7 @@ export class BoneRig {
     const geometry = new CylinderGeometry(1, 1, 1, 8, 1);
     geometry.translate(0, 0.5, 0);
     this.rods = figure.segments.map((segment) => {
-      const material = new MeshBasicMaterial({ color: 0x888888, depthTest: false, depthWrite: false });
+      const material = new MeshBasicMaterial({ color: 0x888888, depthTest: false, depthWrite: false, transparent: true });
       const rod = new Mesh(geometry, material);
       rod.renderOrder = 2;
       rod.frustumCulled = false;

@@ -10,6 +10,10 @@ function figure(value, digits = 3) {
   return typeof value === 'number' && Number.isFinite(value) ? Number(value.toPrecision(digits)).toString() : '–';
 }
 
+function degrees(value) {
+  return typeof value === 'number' && Number.isFinite(value) ? value.toFixed(value < 10 ? 2 : 1) : '–';
+}
+
 function section(panel, title) {
   const s = element('section');
   s.append(element('h2', '', title));
@@ -58,13 +62,13 @@ export function fillPanel(panel, data) {
     const quality = section(panel, 'Report');
     const rows = [];
     const presets = (c) => (c && c.preset ? `${c.preset} (${c.filledBodyParts ?? '?'} of 21 parts)` : '–');
-    rows.push(['source preset', presets(report.sourceCharacter)]);
-    rows.push(['target preset', presets(report.targetCharacter)]);
+    rows.push(['source', presets(report.sourceCharacter)]);
+    rows.push(['target', presets(report.targetCharacter)]);
     if (report.rootScale !== undefined)
       rows.push(['root scale', `${figure(report.rootScale, 4)}${report.rootScaleAuto ? ' (auto)' : ''}`]);
     const rest = report.meanBoneAngleDegrees;
     if (rest)
-      rows.push(['mean bone angle', `${figure(rest.withoutMatchRest)}° own rest, ${figure(rest.withMatchRest)}° matched rest`]);
+      rows.push(['mean angle', `${degrees(rest.withoutMatchRest)}° own rest, ${degrees(rest.withMatchRest)}° matched`]);
     if (report.matchRest !== undefined) rows.push(['rest', report.matchRest ? 'matched to the source' : "the target's own"]);
     table(quality, ['', ''], rows);
 
@@ -83,7 +87,7 @@ export function fillPanel(panel, data) {
       const boneRows = report.bones.map((bone) => {
         const live = element('span', 'live', '–');
         liveCells.push(live);
-        return [`${bone.targetJoint} → ${bone.targetChild}`, live, figure(bone.meanAngleDegrees), figure(bone.maxAngleDegrees)];
+        return [`${bone.targetJoint} → ${bone.targetChild}`, live, degrees(bone.meanAngleDegrees), degrees(bone.maxAngleDegrees)];
       });
       table(s, ['bone', 'now', 'mean', 'max'], boneRows);
     }
