@@ -21,8 +21,8 @@ function section(panel, title) {
   return s;
 }
 
-function table(parent, head, rows) {
-  const t = element('table');
+function table(parent, head, rows, className = '') {
+  const t = element('table', className);
   const tr = element('tr');
   for (const h of head) tr.append(element('th', '', h));
   t.append(tr);
@@ -55,7 +55,7 @@ export function fillPanel(panel, data) {
     ['source', data.source.name],
     ['result', data.result.name],
     ['frames', `${data.frames} at ${figure(1 / data.frameTime)} fps`],
-  ]);
+  ], 'facts');
 
   const liveCells = [];
   if (report) {
@@ -70,7 +70,7 @@ export function fillPanel(panel, data) {
     if (rest)
       rows.push(['mean angle', `${degrees(rest.withoutMatchRest)}° own rest, ${degrees(rest.withMatchRest)}° matched`]);
     if (report.matchRest !== undefined) rows.push(['rest', report.matchRest ? 'matched to the source' : "the target's own"]);
-    table(quality, ['', ''], rows);
+    table(quality, ['', ''], rows, 'facts');
 
     const sliding = report.footSliding;
     if (sliding) {
