@@ -104,6 +104,7 @@ const figures = {};
   const { page, problems, openMs } = await open('');
   figures.openMs = openMs;
   failures.push(...problems);
+  figures.steps = await page.evaluate(() => window.kelvaraView.ready && window.kelvaraView.timings());
   if (!(await page.evaluate(() => window.kelvaraView.playing())))
     fail('without #frame= the page should play from the start, but it is paused');
   // Frame rate while playing: animation frames over one second (headless, software WebGL).

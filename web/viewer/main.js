@@ -353,18 +353,25 @@ function api(viewer) {
       return { left: r.left, right: r.right, top: r.top, bottom: r.bottom };
     },
     render: () => viewer.refresh(),
+    // Milliseconds from the page's start to each step of opening it.
+    timings: () => Object.fromEntries(performance.getEntriesByType('mark')
+      .filter((m) => m.name.startsWith('kelvara:')).map((m) => [m.name.slice(8), Math.round(m.startTime)])),
   };
 }
 
 async function start() {
+  performance.mark('kelvara:start');
   const data = JSON.parse($('kelvara-data').textContent);
+  performance.mark('kelvara:data');
   document.title = data.title;
   $('title').textContent = data.title;
   const [source, result] = await Promise.all([loadFigure(data.source, data.meshColour), loadFigure(data.result, data.meshColour)]);
+  performance.mark('kelvara:files');
   const viewer = new Viewer(data, source, result);
   const linked = frameFromAddress(viewer.frames);
   viewer.setFrame(linked ?? 0);
   if (linked === null) viewer.setPlaying(true);
+  performance.mark('kelvara:ready');
   window.kelvaraView = api(viewer);
   const loop = (now) => {
     viewer.tick(now);

@@ -93,8 +93,8 @@ public:
       return Report(ExitCode::kBadInput, _source + ": expected an animation to show, found none");
     if (result.clip.frameCount != source.clip.frameCount)
       PrintWarnings({_result + " has " + std::to_string(result.clip.frameCount) + " frames, " + _source + " " +
-                     std::to_string(source.clip.frameCount) + "; the page plays " +
-                     std::to_string(source.clip.frameCount) + ", the shorter clip holding its last frame"});
+                     std::to_string(source.clip.frameCount) + "; the page plays the source's " +
+                     std::to_string(source.clip.frameCount) + " frames"});
 
     page.title = PageTitle(source.clip.name, _result);
     page.frames = source.clip.frameCount;
