@@ -126,10 +126,10 @@ TEST_F(ViewPageTest, DemoPagePlaysTheWalkAndTheSkinnedCharacter)
   CheckInBrowser("demo_out.html", expected);
 }
 
-TEST_F(ViewPageTest, SkinnedCharacterWithTheReportTintAndFootContacts)
+TEST_F(ViewPageTest, SkinnedGltfCharacterWithTheReportTintAndFootContacts)
 {
   kelvara_test::AppOutcome run = Kelvara("retarget '" + kCmuWalk + "' --target '" + kSkinnedCharacter +
-                                         "' -o walk.glb --report walk.json --view walk.html -q");
+                                         "' -o walk.gltf --report walk.json --view walk.html -q");
   ASSERT_EQ(run.status, 0) << run.err;
   json report = ReadJson("walk.json");
   json& clip = report["clips"][0];
@@ -142,10 +142,11 @@ TEST_F(ViewPageTest, SkinnedCharacterWithTheReportTintAndFootContacts)
                          {{"foot", "right"}, {"joint", "RightFoot"}, {"frames", {{300, 520}}}}};
   clip["contacts"] = contacts;
   std::ofstream(_dir / "contacts.json") << report.dump(2);
-  run = Kelvara("view '" + kCmuWalk + "' --result walk.glb --report contacts.json -o view.html");
+  run = Kelvara("view '" + kCmuWalk + "' --result walk.gltf --report contacts.json -o view.html");
   ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(PageData(kelvara_test::ReadWholeFile(_dir / "view.html"))["result"]["format"], "gltf"); // as written
 
-  const AnimationFile result = Read((_dir / "walk.glb").string(), true);
+  const AnimationFile result = Read((_dir / "walk.gltf").string(), true);
   json pairs = json::array();
   for (const json& pair : clip["pairs"])
     pairs.push_back({pair["source"], pair["target"]});
