@@ -190,6 +190,10 @@ if (await api(() => window.kelvaraView.ready)) {
   await page.keyboard.press('ArrowLeft');
   await page.keyboard.press('ArrowLeft');
   if ((await api(() => window.kelvaraView.frame())) !== second - 1) fail('the left arrow should step one frame back');
+  // On the focused slider too, one press is one frame (not the slider's step and ours).
+  await page.focus('#slider');
+  await page.keyboard.press('ArrowRight');
+  if ((await api(() => window.kelvaraView.frame())) !== second) fail('the right arrow on the slider should step one frame');
   await page.keyboard.press('Space');
   if (!(await api(() => window.kelvaraView.playing()))) fail('space should play');
   await page.keyboard.press('Space');

@@ -45,10 +45,6 @@ export class Figure {
     this.root.updateMatrixWorld(true);
   }
 
-  worldPosition(object, out = new Vector3()) {
-    return object.getWorldPosition(out);
-  }
-
   // Bounds of the joints at the current pose.
   bounds(box = new Box3()) {
     box.makeEmpty();

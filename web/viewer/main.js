@@ -49,8 +49,8 @@ class Viewer {
     this.mode = 'side';
     this.follow = true;
 
-    this.views = { source: new View(source, 'source', data.background, this.frameTimes),
-                   result: new View(result, 'result', data.background, this.frameTimes) };
+    this.views = { source: new View(source, data.background, this.frameTimes),
+                   result: new View(result, data.background, this.frameTimes) };
     this.canvas = $('canvas');
     this.renderer = new WebGLRenderer({ canvas: this.canvas, antialias: true, preserveDrawingBuffer: true });
     this.renderer.setPixelRatio(window.devicePixelRatio || 1);
@@ -266,7 +266,8 @@ class Viewer {
     $('legend-max').textContent = `${kTintFullDegrees}°+`;
     this.controls.addEventListener('change', () => this.render());
     window.addEventListener('keydown', (event) => {
-      if (event.target instanceof HTMLInputElement && event.target.type !== 'range' && event.target.type !== 'checkbox') return;
+      // Lists keep their own arrow keys; the slider's are ours (one frame a press).
+      if (event.target instanceof HTMLSelectElement) return;
       if (event.code === 'Space') this.setPlaying(!this.playing);
       else if (event.code === 'ArrowRight') this.setFrame(this.frame() + 1);
       else if (event.code === 'ArrowLeft') this.setFrame(this.frame() - 1);

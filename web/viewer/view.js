@@ -8,9 +8,8 @@ import { BoneRig } from './bones.js';
 const kFov = 35;
 
 export class View {
-  constructor(figure, label, background, frameTimes) {
+  constructor(figure, background, frameTimes) {
     this.figure = figure;
-    this.label = label;
     this.scene = new Scene();
     this.scene.background = new Color(background);
     this.scene.add(figure.root);
