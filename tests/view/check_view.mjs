@@ -89,10 +89,14 @@ function countColour(shot, colours, from, to) {
   return { count, distinct: seen.size };
 }
 
-function differentPixels(a, b) {
+// Pixels that differ clearly between two screenshots, in the columns [from, to).
+function differentPixels(a, b, from = 0, to = a.width) {
   let n = 0;
-  for (let i = 0; i < a.rgba.length; i += 4)
-    if (Math.abs(a.rgba[i] - b.rgba[i]) + Math.abs(a.rgba[i + 1] - b.rgba[i + 1]) + Math.abs(a.rgba[i + 2] - b.rgba[i + 2]) > 30) ++n;
+  for (let y = 0; y < a.height; ++y)
+    for (let x = from; x < to; ++x) {
+      const i = (y * a.width + x) * 4;
+      if (Math.abs(a.rgba[i] - b.rgba[i]) + Math.abs(a.rgba[i + 1] - b.rgba[i + 1]) + Math.abs(a.rgba[i + 2] - b.rgba[i + 2]) > 30) ++n;
+    }
   return n;
 }
 
@@ -203,6 +207,40 @@ if (await api(() => window.kelvaraView.ready)) {
   const clicked = await api(() => window.kelvaraView.frame());
   const frames = await api(() => window.kelvaraView.frames);
   if (Math.abs(clicked - 0.75 * (frames - 1)) > 0.05 * frames) fail(`a click at 3/4 of the slider went to frame ${clicked} of ${frames}`);
+
+  // Looping wraps to the start and goes on; without it the clip stops on its last frame.
+  const last = frames - 1;
+  const wait = (ms) => new Promise((r) => setTimeout(r, ms));
+  await api((f) => {
+    window.kelvaraView.setFrame(f);
+    window.kelvaraView.play();
+  }, Math.max(0, last - 1));
+  await wait(600);
+  const looped = await api(() => ({ frame: window.kelvaraView.frame(), playing: window.kelvaraView.playing() }));
+  if (!looped.playing || looped.frame >= last - 1) fail(`looping from the end should go on from the start, found frame ${looped.frame}`);
+  await page.click('#loop');
+  await api((f) => {
+    window.kelvaraView.setFrame(f);
+    window.kelvaraView.play();
+  }, Math.max(0, last - 1));
+  await wait(600);
+  const stopped = await api(() => ({ frame: window.kelvaraView.frame(), playing: window.kelvaraView.playing() }));
+  if (stopped.playing || stopped.frame !== last) fail(`without loop the clip should stop on frame ${last}, found ${stopped.frame}`);
+  await page.click('#loop');
+
+  // Dragging on the picture turns the camera round both figures.
+  await api((f) => window.kelvaraView.setFrame(f), first);
+  const before = await pixels(page);
+  await page.mouse.move(half / 2, 300);
+  await page.mouse.down();
+  await page.mouse.move(half / 2 + 150, 280, { steps: 5 });
+  await page.mouse.up();
+  await api(() => window.kelvaraView.render());
+  const turned = await pixels(page);
+  for (const [label, from, to] of [['source', 0, half], ['result', half, Math.floor(stageRight)]]) {
+    const changed = differentPixels(before, turned, from, to);
+    if (changed < 500) fail(`dragging should turn the camera, but the ${label} half barely changed (${changed} pixels)`);
+  }
 
   // Overlaid: one picture with both figures in it.
   await api((f) => {
