@@ -302,6 +302,14 @@ if (await api(() => window.kelvaraView.ready)) {
     const seen = countColour(tintShot, tints, half, Math.floor(stageRight));
     if (seen.count < 100) fail(`the result half shows ${seen.count} pixels of the tint colours ${tints}`);
   } else if (await api(() => window.kelvaraView.colouring()) !== 'pairs') fail('without a report the bones should show their pairs');
+  // The angle legend shows with the angle colouring only.
+  for (const colouring of expected.reportBones ? ['pairs', 'angle'] : ['pairs']) {
+    const shown = await api((c) => {
+      window.kelvaraView.setColouring(c);
+      return document.getElementById('legend').getBoundingClientRect().width > 0;
+    }, colouring);
+    if (shown !== (colouring === 'angle')) fail(`the angle legend is ${shown ? 'shown' : 'hidden'} with the ${colouring} colouring`);
+  }
 
   // Contacts from the report on the timeline, each over its frames, and on the figure's foot.
   const marks = await api(() => window.kelvaraView.contactMarks());
