@@ -122,7 +122,9 @@ TEST_F(ViewPageTest, DemoPagePlaysTheWalkAndTheSkinnedCharacter)
   const std::vector<int> frames = {10, 100};
   json expected = {{"frames", frames}, {"tolerance", 1e-4}, {"resultMesh", true},
                    {"result", Positions(result, frames)}, {"source", Positions(DemoSourceFile(240), frames)},
-                   {"pairs", ColouredPairs(pairs, result.skeleton)}, {"reportBones", ReportBones(data["report"])}};
+                   {"pairs", ColouredPairs(pairs, result.skeleton)}, {"reportBones", ReportBones(data["report"])},
+                   {"contacts", data["report"]["contacts"]}};
+  EXPECT_FALSE(data["report"]["contacts"].empty()); // a walk puts its feet down
   CheckInBrowser("demo_out.html", expected);
 }
 
@@ -137,11 +139,16 @@ TEST_F(ViewPageTest, SkinnedGltfCharacterWithTheReportTintAndFootContacts)
   const json inRun = PageData(kelvara_test::ReadWholeFile(_dir / "walk.html"));
   EXPECT_EQ(inRun["report"]["bones"], clip["bones"]);
 
-  // Contacts as the report gives them, over frames of both feet.
-  const json contacts = {{{"foot", "left"}, {"joint", "LeftFoot"}, {"frames", {{0, 140}, {600, 900}}}},
-                         {{"foot", "right"}, {"joint", "RightFoot"}, {"frames", {{300, 520}}}}};
-  clip["contacts"] = contacts;
+  // The report's ground contacts of the walk; the page marks them on its timeline. The same report
+  // without them must still open (older reports have none).
+  const json contacts = clip["contacts"];
+  ASSERT_TRUE(contacts.is_array());
+  ASSERT_GE(contacts.size(), 2u) << contacts;
   std::ofstream(_dir / "contacts.json") << report.dump(2);
+  clip.erase("contacts");
+  std::ofstream(_dir / "no_contacts.json") << report.dump(2);
+  run = Kelvara("view '" + kCmuWalk + "' --result walk.gltf --report no_contacts.json -o no_contacts.html");
+  ASSERT_EQ(run.status, 0) << run.err;
   run = Kelvara("view '" + kCmuWalk + "' --result walk.gltf --report contacts.json -o view.html");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(PageData(kelvara_test::ReadWholeFile(_dir / "view.html"))["result"]["format"], "gltf"); // as written
@@ -158,6 +165,10 @@ TEST_F(ViewPageTest, SkinnedGltfCharacterWithTheReportTintAndFootContacts)
                    {"pairs", ColouredPairs(pairs, result.skeleton)}, {"reportBones", ReportBones(clip)},
                    {"contacts", contacts}};
   CheckInBrowser("view.html", expected);
+
+  // Without contacts nothing is marked, and nothing else changes.
+  expected.erase("contacts");
+  CheckInBrowser("no_contacts.html", expected);
 }
 
 TEST_F(ViewPageTest, BvhResultWithoutReportShowsBonesInThePairsOfTheRetarget)

@@ -70,18 +70,32 @@ export function fillPanel(panel, data) {
     if (rest)
       rows.push(['mean angle', `${degrees(rest.withoutMatchRest)}° own rest, ${degrees(rest.withMatchRest)}° matched`]);
     if (report.matchRest !== undefined) rows.push(['rest', report.matchRest ? 'matched to the source' : "the target's own"]);
+    if (report.plantFeet !== undefined)
+      rows.push(['feet', report.plantFeet ? `planted (hips down ${figure(report.hipsLowered ?? 0)})` : 'not planted']);
     table(quality, ['', ''], rows, 'facts');
 
-    const sliding = report.footSliding;
-    if (sliding) {
+    // Per foot: slide during the contacts (leg lengths per second) and how low the foot goes, for
+    // the source and the result with and without planting; older reports give one speed per joint.
+    if (Array.isArray(report.feet) && report.feet.length) {
+      const s = section(panel, 'Feet during contacts');
+      const footRows = [];
+      for (const foot of report.feet) {
+        const runs = [['source', foot.source], ['planted', foot.withPlanting], ['not planted', foot.withoutPlanting]];
+        for (const [label, f] of runs)
+          if (f) footRows.push([`${foot.foot} ${label}`, figure(f.slide), `${figure(f.lowestMin)} – ${figure(f.lowestMax)}`,
+                                degrees(f.kneeStepDegrees)]);
+        if (foot.leftAlone) footRows.push([`${foot.foot}`, `left alone: ${foot.leftAlone}`, '', '']);
+      }
+      table(s, ['', 'slide', 'lowest', 'knee step°'], footRows);
+      s.append(element('p', 'note', 'slide in leg lengths/s; lowest above the ground in leg lengths'));
+    } else if (report.footSliding) {
       const s = section(panel, 'Foot sliding (units/s while low)');
       const slideRows = [];
       for (const side of ['source', 'target'])
-        for (const foot of sliding[side] || [])
+        for (const foot of report.footSliding[side] || [])
           slideRows.push([side, foot.joint, figure(foot.speed), `${figure(foot.lowSeconds)} s`]);
       table(s, ['', 'joint', 'speed', 'low'], slideRows);
     }
-
     if (Array.isArray(report.bones) && report.bones.length) {
       const s = section(panel, 'Bone angle to source (°)');
       const boneRows = report.bones.map((bone) => {

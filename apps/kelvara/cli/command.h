@@ -70,5 +70,6 @@ void AddPresetOption(CLI::App& command, std::string& preset, const char* whose);
 void AddSkeletonRootOption(CLI::App& command, std::string& root, const char* name, const char* whose);
 void AddAnimationOption(CLI::App& command, std::string& animation);
 extern const char* const kMatchRestHelp;
+extern const char* const kPlantFeetHelp;
 
 } // namespace kelvara

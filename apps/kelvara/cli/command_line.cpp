@@ -91,8 +91,14 @@ int ParseAndRun(int argc, char** argv)
 
 } // namespace
 
-const char* const kMatchRestHelp = "Turn the target's rest pose first so that every mapped bone points where its "
-                                   "source bone points at rest (an A-pose rig from a T-pose clip)";
+const char* const kMatchRestHelp =
+  "On by default: the target's rest pose is turned first so that every mapped bone points where its source bone "
+  "points at rest (an A-pose rig driven by a T-pose clip). --keep-rest keeps the target's own rest: for a target "
+  "whose rest already matches, or for the raw rotation transfer";
+const char* const kPlantFeetHelp =
+  "On by default: during each ground contact of the source the target's foot stays where it touched down, on the "
+  "target's ground, reached by bending thigh and shin (the hips go lower only where a leg cannot reach). "
+  "--no-plant-feet writes the transferred rotations as they are";
 
 std::string DefaultModulePath()
 {

@@ -30,7 +30,8 @@ public:
               "draw a picture and a web page that plays both. No file needed.");
     c->add_option("-o,--output", _out, "BVH file to write; the GLB, the picture and the page (.html) go beside it")->capture_default_str();
     c->add_option("--frames", _frames, "Frames of the walk")->capture_default_str()->check(CLI::Range(1, 1000000));
-    c->add_flag("--match-rest", _matchRest, kMatchRestHelp);
+    c->add_flag("--match-rest,!--keep-rest", _matchRest, kMatchRestHelp);
+    c->add_flag("--plant-feet,!--no-plant-feet", _plantFeet, kPlantFeetHelp);
     c->add_option("--write-target", _targetPath,
                   "Only write the built-in target skeleton to this BVH file (for benchmarks and trials)");
     return c;
@@ -55,6 +56,7 @@ public:
     return RunWithModule([&] {
       RoadOptions options;
       options.matchRest = _matchRest;
+      options.plantFeet = _plantFeet;
       Road road(options);
       Problem problem;
       if (!road.Setup(target, problem) || !RunClip(road, run))
@@ -82,6 +84,10 @@ private:
     const Skeleton& target = road.Target().skeleton;
     const PreparedRetarget& prepared = run.side->prepared;
     std::printf("mapping (target joint <- source joint):\n");
+    std::vector<bool> inChain(target.joints.size(), false);
+    for (const JointChain& chain : prepared.chains)
+      for (int j : chain.between)
+        inChain[static_cast<std::size_t>(j)] = true;
     int paired = 0;
     for (std::size_t t = 0; t < target.joints.size(); ++t)
       if (const int s = prepared.sourceOfTarget[t]; s >= 0)
@@ -91,9 +97,13 @@ private:
                     source.joints[static_cast<std::size_t>(s)].name.c_str(), prepared.pairOrigin[t].c_str());
       }
       else
-        std::printf("  %-24s    %-24s keeps its rest rotation\n", target.joints[t].name.c_str(), "-");
+        std::printf("  %-24s    %-24s %s\n", target.joints[t].name.c_str(), "-",
+                    inChain[t] ? "bends with the joints around it" : "keeps its rest rotation");
     std::printf("%d of %zu target joints driven; root moves, scale %.6g (auto)\n", paired, target.joints.size(),
                 prepared.appliedRootScale);
+    if (_plantFeet)
+      std::printf("feet planted during the walk's ground contacts: %d frames held, hips lowered at most %.3g\n",
+                  run.planted.plantedFrames, run.planted.hipsLowered);
     std::printf("wrote %s: %zu joints, %d frames of %g s\n", _out.c_str(), target.joints.size(), run.output.frameCount,
                 run.output.frameTime);
 
@@ -122,7 +132,7 @@ private:
       return Report(ExitCode::kFailure, error);
     std::printf("wrote %s: the walk and its retarget on the target's own rest and on the matched rest, side by "
                 "side; %s was written\n",
-                pngPath.c_str(), _matchRest ? "the matched one" : "the one on its own rest (try --match-rest)");
+                pngPath.c_str(), _matchRest ? "the matched one" : "the one on its own rest (--keep-rest)");
 
     // The page plays the walk and the skinned character side by side.
     ViewFile walkFile;
@@ -136,7 +146,8 @@ private:
   std::string _out = "demo_out.bvh";
   std::string _targetPath;
   int _frames = 240;
-  bool _matchRest = false;
+  bool _matchRest = true;
+  bool _plantFeet = true;
 };
 
 } // namespace

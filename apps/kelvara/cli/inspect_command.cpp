@@ -5,6 +5,7 @@
 #include "cli/command.h"
 #include "io/animation_file.h"
 #include "io/bvh/bvh_model.h"
+#include "road/contacts.h"
 #include "road/match_rest.h"
 
 namespace kelvara
@@ -32,7 +33,7 @@ void CompareRest(const SourceSide& side, const Road& road)
   const RestMatch match = MatchCharacterRest(side.character, road.TargetCharacter(), side.prepared.sourceOfTarget);
   auto name = [](const Skeleton& s, int j) { return s.joints[static_cast<std::size_t>(j)].name; };
   std::printf("rest pose against %s (preset %s), per mapped bone: degrees between the bone directions as built and "
-              "with --match-rest:\n",
+              "with rest matching:\n",
               against.path.c_str(), road.TargetCharacter().preset.c_str());
   for (std::size_t b = 0; b < match.bones.size(); ++b)
   {
@@ -54,9 +55,9 @@ void CompareRest(const SourceSide& side, const Road& road)
       worst = b;
   const MappedBone& bone = match.bones[worst];
   const double removed = match.before[worst] - match.after[worst];
-  std::printf("largest rest difference that matching removes: %.3g degrees (%s -> %s): --match-rest is %s\n",
+  std::printf("largest rest difference that matching removes: %.3g degrees (%s -> %s): rest matching is %s\n",
               removed, name(against, bone.targetJoint).c_str(), name(against, bone.targetChild).c_str(),
-              removed > kMatchRestAdvised ? "advised" : "not needed");
+              removed > kMatchRestAdvised ? "needed (on by default)" : "hardly needed (--keep-rest changes little)");
 }
 
 void PrintFile(const AnimationFile& file, const Character& c)
@@ -119,6 +120,17 @@ void PrintFile(const AnimationFile& file, const Character& c)
                 c.orientation.left.z, HipHeight(c));
   for (const std::string& note : c.notes)
     std::printf("note: %s\n", note.c_str());
+  if (file.hasClip && c.orientation.known)
+    for (bool left : {true, false})
+      if (const Leg leg = LegOf(c, left); leg.Complete())
+      {
+        const FootContacts contacts = FindFootContacts(c, file.clip, left);
+        std::printf("ground contacts, %s ankle %s (frames): %s\n", left ? "left" : "right",
+                    skeleton.joints[static_cast<std::size_t>(leg.foot)].name.c_str(), RangesText(contacts.ankle).c_str());
+        if (leg.toe >= 0)
+          std::printf("ground contacts, %s toe %s (frames): %s\n", left ? "left" : "right",
+                      skeleton.joints[static_cast<std::size_t>(leg.toe)].name.c_str(), RangesText(contacts.toe).c_str());
+      }
 }
 
 class InspectCommand : public Command

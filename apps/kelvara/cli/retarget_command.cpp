@@ -129,7 +129,8 @@ public:
     c->add_option("--jobs", _jobs, "Clips retargeted at once (default: one per core)")->check(CLI::PositiveNumber);
     c->add_option("--report", _reportPath,
                   "JSON report per clip: presets, joint pairs, unpaired joints, root scale, bone angles with and "
-                  "without --match-rest, and foot sliding measured on the written files");
+                  "without rest matching, ground contacts, and per foot sliding, height above the ground and knee "
+                  "steps with and without planting, measured on the written files");
     c->add_option("--map", _road.mapPath,
                   "JSON object {\"target joint\": \"source joint\", ...} overriding the keyword pairing");
     AddPresetOption(*c, _preset, "both characters");
@@ -141,7 +142,8 @@ public:
                   "auto: the target's hip height above its feet divided by the source's; or a number")
       ->capture_default_str();
     c->add_flag("--no-root-motion", _noRootMotion, "Keep the root in place");
-    c->add_flag("--match-rest", _road.matchRest, kMatchRestHelp);
+    c->add_flag("--match-rest,!--keep-rest", _road.matchRest, kMatchRestHelp);
+    c->add_flag("--plant-feet,!--no-plant-feet", _road.plantFeet, kPlantFeetHelp);
     c->add_option("--view", _viewPath,
                   "Also write a web page (.html) that plays the source and the result side by side, with the report "
                   "(one clip only)");

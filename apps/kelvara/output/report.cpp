@@ -73,11 +73,63 @@ json CharacterJson(const CharacterReport& c)
           {"candidates", Candidates(c.candidates)}, {"notes", c.notes}, {"legLength", c.legLength}};
 }
 
-json SlidesJson(const std::vector<FootSliding>& slides)
+json RangesJson(const std::vector<FrameRange>& ranges)
 {
   json out = json::array();
-  for (const FootSliding& s : slides)
-    out.push_back({{"joint", s.joint}, {"speed", s.speed}, {"lowSeconds", s.lowSeconds}});
+  for (const FrameRange& r : ranges)
+    out.push_back({r.first, r.last});
+  return out;
+}
+
+json FiguresJson(const FootFigures& f)
+{
+  return {{"slide", f.slide},
+          {"lowestMin", f.lowestLow},
+          {"lowestMax", f.lowestHigh},
+          {"kneeStepDegrees", f.kneeStepDegrees}};
+}
+
+// The source's contacts for a viewer: one entry per foot that has an ankle.
+json ContactsJson(const ClipReport& r)
+{
+  json out = json::array();
+  for (std::size_t i = 0; i < r.feetPlan.feet.size() && i < r.feet.size(); ++i)
+    if (r.feetPlan.feet[i].source.foot >= 0)
+      out.push_back({{"foot", r.feetPlan.feet[i].left ? "left" : "right"},
+                     {"joint", r.feet[i].sourceJoint},
+                     {"frames", RangesJson(r.feetPlan.feet[i].contacts)}});
+  return out;
+}
+
+json FeetJson(const ClipReport& r)
+{
+  json out = json::array();
+  for (std::size_t i = 0; i < r.feetPlan.feet.size() && i < r.feet.size(); ++i)
+  {
+    const PlannedFoot& foot = r.feetPlan.feet[i];
+    json entry = {{"foot", foot.left ? "left" : "right"},
+                  {"sourceJoint", r.feet[i].sourceJoint},
+                  {"targetJoint", r.feet[i].targetJoint},
+                  {"contacts", RangesJson(foot.contacts)},
+                  {"toeContacts", RangesJson(foot.toeContacts)}};
+    if (foot.leftAlone.empty())
+      entry["planted"] = r.plantFeet;
+    else
+      entry["leftAlone"] = foot.leftAlone;
+    entry["legLength"] = {{"source", foot.sourceLegLength}, {"target", foot.targetLegLength}};
+    if (r.feet[i].measured)
+    {
+      const FootReport& f = r.feet[i];
+      entry["source"] = FiguresJson(f.source);
+      const FootFigures* with = r.plantFeet ? &f.written : (f.otherMeasured ? &f.other : nullptr);
+      const FootFigures* without = r.plantFeet ? (f.otherMeasured ? &f.other : nullptr) : &f.written;
+      if (with != nullptr)
+        entry["withPlanting"] = FiguresJson(*with);
+      if (without != nullptr)
+        entry["withoutPlanting"] = FiguresJson(*without);
+    }
+    out.push_back(entry);
+  }
   return out;
 }
 
@@ -131,6 +183,12 @@ json ClipJson(const ClipReport& r)
     clip["rootScaleAuto"] = r.rootScaleAuto;
     clip["rootMotion"] = r.rootMotion;
     clip["warnings"] = r.warnings;
+    clip["plantFeet"] = r.plantFeet;
+    clip["hipsLowered"] = r.hipsLowered;
+    clip["sourceGround"] = r.feetPlan.sourceGround;
+    clip["targetGround"] = r.feetPlan.targetGround;
+    clip["contacts"] = ContactsJson(r);
+    clip["feet"] = FeetJson(r);
   }
   if (r.measured)
   {
@@ -153,16 +211,17 @@ json ClipJson(const ClipReport& r)
     clip["matchRest"] = r.matchRest;
     if (const auto means = MeanBoneAngles(r))
       clip["meanBoneAngleDegrees"] = {{"withoutMatchRest", means->first}, {"withMatchRest", means->second}};
-    clip["footSliding"] = {{"source", SlidesJson(r.sourceFeet)}, {"target", SlidesJson(r.targetFeet)}};
   }
   return clip;
 }
 
-double FastestSlide(const std::vector<FootSliding>& slides)
+// The fastest slide of any foot: of the source, or of the target as written.
+double FastestSlide(const ClipReport& r, bool target)
 {
   double v = 0.0;
-  for (const FootSliding& s : slides)
-    v = std::max(v, s.speed);
+  for (const FootReport& f : r.feet)
+    if (f.measured)
+      v = std::max(v, target ? f.written.slide : f.source.slide);
   return v;
 }
 
@@ -177,11 +236,6 @@ CharacterReport DescribeCharacter(const Character& c, bool presetNamed)
   r.candidates = c.presetTrials;
   r.notes = c.notes;
   r.legLength = HipHeight(c);
-  r.upKnown = c.orientation.known;
-  r.up = c.orientation.up;
-  for (int part : {kLeftFoot, kLeftToes, kRightFoot, kRightToes})
-    if (const int j = c.partJoint[static_cast<std::size_t>(part)]; j >= 0)
-      r.footJoints.push_back(j);
   return r;
 }
 
@@ -292,46 +346,57 @@ std::vector<BoneAngles> MeasureBoneAngles(const Skeleton& sourceSkeleton, const 
   return out;
 }
 
-FootSliding MeasureFootSliding(const Skeleton& skeleton, const Clip& clip, int joint, const Vector& up, double band)
+void MeasureFeet(const Skeleton& sourceSkeleton, const Clip& source, const Skeleton& targetSkeleton, const Clip& target,
+                 bool other, ClipReport& report)
 {
-  FootSliding slide;
-  slide.joint = JointName(skeleton, joint);
-  std::vector<Vector> positions;
-  WorldPose world;
-  for (int f = 0; f < clip.frameCount && world.Evaluate(skeleton, &clip, f); ++f)
-    positions.push_back(world[static_cast<std::size_t>(joint)].off);
-  if (positions.size() < 2)
-    return slide;
-  double lowest = telvo::Dot(positions[0], up);
-  for (const Vector& p : positions)
-    lowest = std::min(lowest, telvo::Dot(p, up));
-  auto low = [&](const Vector& p) { return telvo::Dot(p, up) <= lowest + band; };
-  double travel = 0.0;
-  for (std::size_t f = 0; f + 1 < positions.size(); ++f)
-    if (low(positions[f]) && low(positions[f + 1]))
+  const FeetPlan& plan = report.feetPlan;
+  if (!plan.usable || report.feet.size() != plan.feet.size())
+    return;
+  for (std::size_t i = 0; i < plan.feet.size(); ++i)
+  {
+    const PlannedFoot& foot = plan.feet[i];
+    FootReport& out = report.feet[i];
+    if (!foot.source.Complete() || !foot.target.Complete())
+      continue;
+    const FootFigures figures =
+      MeasureFoot(TrackFoot(targetSkeleton, target, foot.target, plan.up), foot.contacts, plan.up, plan.targetGround,
+                  foot.targetLegLength, target.frameTime);
+    if (other)
     {
-      const Vector d = positions[f + 1] - positions[f];
-      travel += telvo::Length(d - up * telvo::Dot(d, up));
-      slide.lowSeconds += clip.frameTime;
+      out.other = figures;
+      out.otherMeasured = true;
+      continue;
     }
-  slide.speed = slide.lowSeconds > 0.0 ? travel / slide.lowSeconds : 0.0;
-  return slide;
+    out.written = figures;
+    out.source = MeasureFoot(TrackFoot(sourceSkeleton, source, foot.source, plan.up), foot.contacts, plan.up,
+                             plan.sourceGround, foot.sourceLegLength, source.frameTime);
+    out.measured = true;
+  }
+}
+
+void DescribeFeet(const PreparedRetarget& prepared, FeetPlan plan, bool planted, const PlantResult& result,
+                  ClipReport& report)
+{
+  auto name = [](const Character& c, int joint) {
+    return joint >= 0 ? JointName(*c.skeleton, joint) : std::string();
+  };
+  report.feet.clear();
+  for (const PlannedFoot& foot : plan.feet)
+  {
+    FootReport f;
+    f.sourceJoint = name(*prepared.source, foot.source.foot);
+    f.targetJoint = name(*prepared.target, foot.target.foot);
+    report.feet.push_back(f);
+  }
+  report.feetPlan = std::move(plan);
+  report.plantFeet = planted;
+  report.hipsLowered = result.hipsLowered;
 }
 
 void MeasureQuality(const AnimationFile& source, const AnimationFile& output, ClipReport& report)
 {
   report.bones = MeasureBoneAngles(source.skeleton, source.clip, output.skeleton, output.clip, report.sourceOfTarget);
-  auto feet = [](const AnimationFile& file, const CharacterReport& c) {
-    std::vector<FootSliding> slides;
-    if (!c.upKnown)
-      return slides;
-    for (int j : c.footJoints)
-      if (j >= 0 && static_cast<std::size_t>(j) < file.skeleton.joints.size())
-        slides.push_back(MeasureFootSliding(file.skeleton, file.clip, j, c.up, kFootBandShare * c.legLength));
-    return slides;
-  };
-  report.sourceFeet = feet(source, report.sourceCharacter);
-  report.targetFeet = feet(output, report.targetCharacter);
+  MeasureFeet(source.skeleton, source.clip, output.skeleton, output.clip, false, report);
   report.measured = true;
 }
 
@@ -405,10 +470,30 @@ void PrintReportTable(std::FILE* out, const std::vector<ClipReport>& clips)
     const std::string presets = r.sourceCharacter.preset + "/" + r.targetCharacter.preset;
     std::fprintf(out, "%-28s %-15s %6zu %8zu %-30s %9.3g %9.3g %5zu\n", name.c_str(), presets.c_str(),
                  r.pairs.size(), r.unpairedTarget.size() + r.unpairedSource.size(), bone,
-                 FastestSlide(r.sourceFeet), FastestSlide(r.targetFeet), r.warnings.size());
+                 FastestSlide(r, false), FastestSlide(r, true), r.warnings.size());
     if (const auto means = MeanBoneAngles(r))
-      std::fprintf(out, "%-28s bones' mean angle %.3g degrees without --match-rest, %.3g with (written: %s)\n", "",
-                   means->first, means->second, r.matchRest ? "with" : "without");
+      std::fprintf(out, "%-28s bones' mean angle %.3g degrees on the target's own rest, %.3g on the matched rest "
+                   "(written: %s)\n",
+                   "", means->first, means->second, r.matchRest ? "matched" : "own");
+    for (std::size_t i = 0; i < r.feetPlan.feet.size() && i < r.feet.size(); ++i)
+    {
+      const PlannedFoot& foot = r.feetPlan.feet[i];
+      const FootReport& f = r.feet[i];
+      std::fprintf(out, "%-28s %s foot, contacts %s\n", "", foot.left ? "left" : "right", RangesText(foot.contacts).c_str());
+      if (!foot.leftAlone.empty())
+        std::fprintf(out, "%-28s   not planted: %s\n", "", foot.leftAlone.c_str());
+      if (!f.measured)
+        continue;
+      std::fprintf(out,
+                   "%-28s   slide (leg lengths/s) source %.3g, target %.3g%s; lowest point above ground %.3g to %.3g "
+                   "leg lengths; knee step %.3g degrees (source %.3g)\n",
+                   "", f.source.slide, f.written.slide, r.plantFeet ? " planted" : "", f.written.lowestLow,
+                   f.written.lowestHigh, f.written.kneeStepDegrees, f.source.kneeStepDegrees);
+      if (f.otherMeasured)
+        std::fprintf(out, "%-28s   %s: slide %.3g, lowest point %.3g to %.3g, knee step %.3g\n", "",
+                     r.plantFeet ? "without planting" : "with planting", f.other.slide, f.other.lowestLow,
+                     f.other.lowestHigh, f.other.kneeStepDegrees);
+    }
   }
 }
 

@@ -32,10 +32,18 @@
 //   "matchRest"               whether the written output's target rest was matched to the source's
 //   "meanBoneAngleDegrees"    {"withoutMatchRest", "withMatchRest"}: the bones' mean angles averaged,
 //                             when both runs were made
-//   "footSliding"             {"source": [slide], "target": [slide]}; slide = {"joint",
-//                             "speed", "lowSeconds"}: horizontal travel (square to the character's
-//                             up) of a foot or toe joint while it is within its lowest height band,
-//                             divided by the time spent there, in the character's units per second
+//   "plantFeet"               whether the written output's feet were planted; "hipsLowered" how far
+//                             planting lowered the hips at most (world units)
+//   "contacts"                [{"foot": "left"|"right", "joint", "frames": [[first, last], ...]}]
+//                             the source ankle's ground contacts, frames 0-based and inclusive
+//   "feet"                    per foot: {"foot", "sourceJoint", "targetJoint", "contacts", "toeContacts",
+//                             "planted" (or "leftAlone": why not), "legLength": {"source", "target"},
+//                             "source", "withPlanting", "withoutPlanting": figures}; figures =
+//                             {"slide": ankle speed square to up during contacts in leg lengths
+//                             per second, "lowestMin", "lowestMax": the foot's lowest point above
+//                             its ground during contacts in leg lengths (below it negative),
+//                             "kneeStepDegrees": the largest change of the knee's angle between
+//                             two frames}; "sourceGround", "targetGround" at clip level
 //   "warnings"                left/right pairs that look swapped by geometry
 #pragma once
 
@@ -49,14 +57,12 @@
 #include "anim/skeleton.h"
 #include "character/character.h"
 #include "io/animation_file.h"
+#include "road/contacts.h"
+#include "road/plant_feet.h"
 #include "road/retarget.h"
 
 namespace kelvara
 {
-
-// A foot joint counts as low while it is within this share of the leg length above its lowest
-// height over the clip.
-constexpr double kFootBandShare = 0.02;
 
 struct CharacterReport
 {
@@ -66,10 +72,6 @@ struct CharacterReport
   std::vector<PresetTrial> candidates;
   std::vector<std::string> notes;
   double legLength = 0.0;
-  // For measuring: the character's up in the rest pose and its foot and toe joints.
-  bool upKnown = false;
-  telvo::Vector up;
-  std::vector<int> footJoints;
 };
 
 struct PairRecord
@@ -89,11 +91,16 @@ struct BoneAngles
   double maxDegrees = 0.0;
 };
 
-struct FootSliding
+// One foot measured on the source and on the target with and without planting.
+struct FootReport
 {
-  std::string joint;
-  double speed = 0.0;      // units per second; 0 when the joint never stays low
-  double lowSeconds = 0.0; // time spent within the low band (between two low frames)
+  std::string sourceJoint; // the ankles
+  std::string targetJoint;
+  FootFigures source;
+  FootFigures written; // the output as written
+  FootFigures other;   // the run with the other choice of planting
+  bool measured = false;
+  bool otherMeasured = false;
 };
 
 struct ClipReport
@@ -120,13 +127,14 @@ struct ClipReport
   // The same bones measured on a run with the other choice of target rest (RunWithOtherRest);
   // empty when that run was not made.
   std::vector<BoneAngles> otherRestBones;
-  std::vector<FootSliding> sourceFeet;
-  std::vector<FootSliding> targetFeet;
+  bool plantFeet = false; // the written output's feet were planted during the contacts
+  double hipsLowered = 0.0; // the most planting lowered the hips, in world units
+  FeetPlan feetPlan;        // contacts, grounds and legs (known when described)
+  std::vector<FootReport> feet; // per foot of feetPlan
   std::vector<std::string> warnings;
 };
 
-// The preset, its reason, the foot joints, up and leg length of a character whose body parts are
-// filled.
+// The preset, its reason and the leg length of a character whose body parts are filled.
 CharacterReport DescribeCharacter(const Character& character, bool presetNamed);
 
 // Left/right pairs that look swapped: a limb whose joints named left lay on the character's right
@@ -146,11 +154,15 @@ std::vector<BoneAngles> MeasureBoneAngles(const Skeleton& sourceSkeleton, const 
                                           const Skeleton& outputSkeleton, const Clip& output,
                                           const std::vector<int>& sourceOfTarget);
 
-// Sliding of one joint of file: its lowest height along up over the clip, the band of band units
-// above it, and the horizontal travel between consecutive frames that are both in the band
-// divided by the time between them.
-FootSliding MeasureFootSliding(const Skeleton& skeleton, const Clip& clip, int joint, const telvo::Vector& up,
-                               double band);
+// The feet of a retarget into report: plan's contacts, grounds and legs, whether the output was
+// planted and what planting did.
+void DescribeFeet(const PreparedRetarget& prepared, FeetPlan plan, bool planted, const PlantResult& result,
+                  ClipReport& report);
+
+// The feet of report.feetPlan on the source, and on target as written (other false) or as run
+// with the other choice of planting (other true).
+void MeasureFeet(const Skeleton& sourceSkeleton, const Clip& source, const Skeleton& targetSkeleton, const Clip& target,
+                 bool other, ClipReport& report);
 
 // Runs clip the other way round (RunWithOtherRest) and keeps its bone angles in
 // report.otherRestBones, so that the report shows the bones with and without rest matching.

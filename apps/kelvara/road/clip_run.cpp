@@ -22,6 +22,9 @@ std::vector<bool> DrivenJoints(const PreparedRetarget& prepared)
   std::vector<bool> driven;
   for (int s : prepared.sourceOfTarget)
     driven.push_back(s >= 0);
+  for (const JointChain& chain : prepared.chains)
+    for (int j : chain.between)
+      driven[static_cast<std::size_t>(j)] = true;
   return driven;
 }
 
@@ -50,6 +53,15 @@ bool RunClip(Road& road, ClipRun& run)
     if (!retarget.Setup(side.prepared, error) || !retarget.Run(run.source.clip, run.output, error))
       return run.problem.Set(false, error);
   }
+  const bool plant = side.prepared.plantFeet;
+  FeetPlan feet;
+  if (plant || run.describe || run.measure)
+    feet = PlanFeet(side.prepared, run.source.clip, run.output);
+  Clip otherPlanting; // the output with the other choice of planting, for the report
+  if (run.measure)
+    otherPlanting = run.output;
+  if (plant)
+    run.planted = PlantFeet(side.prepared, feet, run.output);
   if (run.describe || run.measure)
   {
     DescribePairing(side.prepared, !road.Options().sourcePreset.empty(), !road.Options().targetPreset.empty(),
@@ -58,6 +70,14 @@ bool RunClip(Road& road, ClipRun& run)
     run.clip.output = run.outputPath;
     run.clip.frames = run.source.clip.frameCount;
     run.clip.frameTime = run.source.clip.frameTime;
+    DescribeFeet(side.prepared, std::move(feet), plant, run.planted, run.clip);
+  }
+  if (run.measure)
+  {
+    if (!plant)
+      PlantFeet(side.prepared, run.clip.feetPlan, otherPlanting);
+    MeasureFeet(*side.prepared.source->skeleton, run.source.clip, *side.prepared.target->skeleton, otherPlanting, true,
+                run.clip);
   }
   if (run.measure && !MeasureOtherRest(side.prepared, run.source.clip, run.clip, error))
     return run.problem.Set(false, error);

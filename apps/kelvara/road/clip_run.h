@@ -7,6 +7,7 @@
 #include "anim/clip.h"
 #include "io/animation_file.h"
 #include "output/report.h"
+#include "road/plant_feet.h"
 #include "road/setup.h"
 
 namespace kelvara
@@ -27,6 +28,7 @@ struct ClipRun
   const SourceSide* side = nullptr; // set once the source's skeleton is prepared
   Clip output;
   Clip otherRestOutput;
+  PlantResult planted; // what planting the feet did (the road's options say whether it ran)
   std::string writtenAnimation; // the name the output's animation got
   ClipReport clip;              // source, output, frames; the rest when report is set
   Problem problem;
@@ -38,7 +40,8 @@ struct ClipRun
 // Runs run through road (set up). False with run.problem on failure; nothing is written then.
 bool RunClip(Road& road, ClipRun& run);
 
-// Per target joint, whether a source joint drives it.
+// Per target joint, whether the retarget moves it: a source joint drives it, or it bends with a
+// chain between driven joints.
 std::vector<bool> DrivenJoints(const PreparedRetarget& prepared);
 
 } // namespace kelvara

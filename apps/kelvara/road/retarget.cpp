@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "road/match_rest.h"
+#include "road/plant_feet.h"
 #include "telvo/registrybase.h"
 
 namespace kelvara
@@ -213,6 +214,10 @@ bool PreparedRetarget::Prepare(std::string& error)
   }
   if (!PairJoints(error))
     return false;
+  std::vector<bool> mapped;
+  for (int s : sourceOfTarget)
+    mapped.push_back(s >= 0);
+  chains = FindChains(*target->skeleton, mapped);
 
   telvo::Result<telvo::CharacterSolverConfiguration> configuration =
     telvo::CreateObject<telvo::CharacterSolverConfiguration>("net.telvo.animation.class.charactersolverconfiguration");
@@ -348,6 +353,7 @@ bool ClipRetarget::Run(const Clip& clip, Clip& output, std::string& error)
   // Nothing of the last frame stays referenced beyond the job's own objects.
   for (telvo::CharacterNodeTransform& d : _deltaOfTarget)
     d.Reset();
+  SpreadChains(_prepared->chains, rest, output);
   return true;
 }
 
@@ -358,7 +364,11 @@ bool RunWithOtherRest(const PreparedRetarget& prepared, const Clip& clip, Clip& 
                        ? MatchCharacterRest(*prepared.source, *prepared.target, prepared.sourceOfTarget).targetRest
                        : std::vector<Matrix>();
   ClipRetarget run;
-  return run.Setup(other, error) && run.Run(clip, output, error);
+  if (!run.Setup(other, error) || !run.Run(clip, output, error))
+    return false;
+  if (other.plantFeet)
+    PlantFeet(other, PlanFeet(other, clip, output), output);
+  return true;
 }
 
 } // namespace kelvara

@@ -9,6 +9,7 @@
 #include "anim/clip.h"
 #include "anim/pose.h"
 #include "character/character.h"
+#include "road/chains.h"
 #include "road/joint_map.h"
 #include "telvo/charactersolver.h"
 
@@ -32,6 +33,7 @@ struct PreparedRetarget
   std::vector<JointPair> mapPairs; // overrides of the keyword pairing (--map)
   double rootScale = 0.0;          // <= 0: auto, the target's hip height over the source's
   bool rootMotion = true;
+  bool plantFeet = true; // ClipRun and RunWithOtherRest plant the feet after the frames (plant_feet.h)
   // Per target joint: the rest global matrices the road turns (MatchRestPose), set after
   // pairing (Prepare) and before the frames run; empty: the target's own rest.
   std::vector<telvo::Matrix> targetRest;
@@ -40,6 +42,7 @@ struct PreparedRetarget
   std::vector<int> sourceOfTarget; // per target joint: the source joint that drives it, or -1
   std::vector<std::string> pairOrigin; // per target joint: "body part Left hand", "map", "same name", ""
   telvo::AssociationCounters counters;
+  std::vector<JointChain> chains; // target joints between mapped ones, bent with them (chains.h)
   double appliedRootScale = 1.0;
   std::vector<std::string> notes;
 
@@ -67,7 +70,8 @@ public:
   bool Setup(const PreparedRetarget& prepared, std::string& error);
   // Every frame of clip, parents before children, into output: a clip of the target's skeleton
   // with the source's frame count and time, a local rotation for every target joint and the
-  // root's translation. clip must fit the prepared source's skeleton.
+  // root's translation; joints between mapped ones take their share of the chain's bend.
+  // clip must fit the prepared source's skeleton.
   bool Run(const Clip& clip, Clip& output, std::string& error);
 
 private:

@@ -149,6 +149,7 @@ void Road::Prepare(SourceSide& side)
   prepared.mapPairs = std::move(pairs);
   prepared.rootScale = _options.rootScale;
   prepared.rootMotion = _options.rootMotion;
+  prepared.plantFeet = _options.plantFeet;
   if (!prepared.Prepare(error))
   {
     problem.Set(false, error);

@@ -31,7 +31,8 @@ struct RoadOptions
   std::string targetPreset;
   double rootScale = 0.0; // <= 0: auto, the target's hip height over the source's
   bool rootMotion = true;
-  bool matchRest = false; // the target's rest turned to the source's first (match_rest.h)
+  bool matchRest = true;  // the target's rest turned to the source's first (match_rest.h)
+  bool plantFeet = true;  // feet held on the ground during the source's contacts (plant_feet.h)
 };
 
 // What went wrong and whose fault it was: the input's (a file, an option, a map) or the work's.

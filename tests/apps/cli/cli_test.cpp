@@ -66,7 +66,8 @@ TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
     {"retarget --help",
      0,
      {"--target", "--map", "--preset", "--root-scale", "--no-root-motion", "--timings", "--skeleton-root",
-      "--source-skeleton-root", "--animation", "--output-format", "--replace-animations", "give the motion (" + read,
+      "--source-skeleton-root", "--animation", "--output-format", "--replace-animations", "--keep-rest",
+      "--no-plant-feet", "give the motion (" + read,
       "File to write, by its extension: " + written + ".", "Format of a batch's outputs: bvh, glb or gltf"}},
     {"frobnicate", 2, {"kelvara: unknown command 'frobnicate'"}},
     {"modules", 0, {"Module net.telvo.kelvara", "Withdrawn at unload, in order:"}},
@@ -100,6 +101,34 @@ TEST_F(CliTest, AnswersWithStatusAndMessageAndFailuresWriteNothing)
       EXPECT_NE(stream.find(text), std::string::npos) << text << "\n" << stream;
     EXPECT_EQ(Files(), inputs);
   }
+}
+
+// Rest matching and planted feet are what every command does unless told otherwise: the same
+// bytes as asking for them, in single runs and batches, in the report and in the demo.
+TEST_F(CliTest, DefaultsMatchTheRestAndPlantTheFeetInEveryCommand)
+{
+  ASSERT_EQ(Kelvara("demo --write-target target.bvh").status, 0);
+  fs::copy_file(kCmuClip, _dir / "walk.bvh");
+  const std::string retarget = "retarget walk.bvh --target target.bvh -q -o ";
+  ASSERT_EQ(Kelvara(retarget + "default.bvh --report report.json").status, 0);
+  ASSERT_EQ(Kelvara(retarget + "asked.bvh --match-rest --plant-feet").status, 0);
+  ASSERT_EQ(Kelvara(retarget + "kept.bvh --keep-rest").status, 0);
+  ASSERT_EQ(Kelvara(retarget + "free.bvh --no-plant-feet").status, 0);
+  ASSERT_EQ(Kelvara("retarget walk.bvh target.bvh --target target.bvh -q -o batch").status, 0);
+  const std::string planted = kelvara_test::ReadWholeFile(_dir / "default.bvh");
+  EXPECT_EQ(planted, kelvara_test::ReadWholeFile(_dir / "asked.bvh"));
+  EXPECT_EQ(planted, kelvara_test::ReadWholeFile(_dir / "batch/walk.bvh"));
+  EXPECT_NE(planted, kelvara_test::ReadWholeFile(_dir / "kept.bvh"));
+  EXPECT_NE(planted, kelvara_test::ReadWholeFile(_dir / "free.bvh"));
+
+  const std::string report = kelvara_test::ReadWholeFile(_dir / "report.json");
+  EXPECT_NE(report.find("\"matchRest\": true"), std::string::npos);
+  EXPECT_NE(report.find("\"plantFeet\": true"), std::string::npos);
+  EXPECT_NE(report.find("\"planted\": true"), std::string::npos);
+
+  const kelvara_test::AppOutcome demo = Kelvara("demo --frames 120");
+  EXPECT_NE(demo.out.find("feet planted during the walk's ground contacts"), std::string::npos) << demo.out;
+  EXPECT_NE(demo.out.find("the matched one was written"), std::string::npos) << demo.out;
 }
 
 // A captured clip retargets, written as BVH or glTF, and inspects; saved characters that do not fit

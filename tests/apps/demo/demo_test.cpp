@@ -210,7 +210,7 @@ using DemoCommand = kelvara_test::AppFolderTest;
 TEST_F(DemoCommand, WritesTheWalkAsBvhAndGlbAndPreviewsBothRestChoices)
 {
   const int frames = 67; // one cycle from the first frame to the last
-  for (const char* flags : {" --match-rest", ""})
+  for (const char* flags : {" --keep-rest", ""})
   {
     SCOPED_TRACE(flags);
     const kelvara_test::AppOutcome run = Kelvara("demo --frames " + std::to_string(frames) + flags);

@@ -255,10 +255,12 @@ std::vector<Quat> BvhWorld(const BvhFile& file, int frame)
 TEST_F(FormatsRoadTest, ZUpCentimetreCharacterTurnsAsTheWalkDoes)
 {
   // A joint's world rotation is its source joint's turn since rest applied to its own world
-  // rest rotation; the walk's rest has no rotation, so that is G_source(f) * G_target(rest).
+  // rest rotation; the walk's rest has no rotation, so that is G_source(f) * G_target(rest). That
+  // is the raw transfer: the target's own rest, the feet not planted.
   const ZUpCentimetres character;
   std::ofstream(_dir / "zup.gltf") << character.Text();
-  const kelvara_test::AppOutcome run = Kelvara("retarget '" + kWalk + "' --target zup.gltf -o zup_walk.glb");
+  const kelvara_test::AppOutcome run =
+    Kelvara("retarget '" + kWalk + "' --target zup.gltf -o zup_walk.glb --keep-rest --no-plant-feet");
   ASSERT_EQ(run.status, 0) << run.err;
   kelvara_test::ExpectValidGltf(_dir / "zup_walk.glb");
   // Which source joint drives which is the tool's choice, read from its mapping table.
