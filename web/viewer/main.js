@@ -133,8 +133,10 @@ class Viewer {
       for (const [view, name] of places) {
         const joint = name && view.figure.jointByName.get(name);
         if (!joint) continue;
-        const dot = new Mesh(new SphereGeometry(view.height * 0.03, 16, 8),
-                             new MeshBasicMaterial({ color: 0xffffff, depthTest: false, transparent: true, opacity: 0.85 }));
+        // In the timeline's colour of the foot.
+        const dot = new Mesh(new SphereGeometry(view.height * 0.025, 16, 8),
+                             new MeshBasicMaterial({ color: contact.foot === 'left' ? 0x4fc3f7 : 0xffb74d, depthTest: false,
+                                                     transparent: true }));
         dot.renderOrder = 3;
         view.scene.add(dot);
         markers.push({ contact, joint: joint.object, dot });

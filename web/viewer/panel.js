@@ -14,6 +14,11 @@ function degrees(value) {
   return typeof value === 'number' && Number.isFinite(value) ? value.toFixed(value < 10 ? 2 : 1) : '–';
 }
 
+// Leg lengths: thousandths are what the eye can tell apart.
+function legs(value) {
+  return typeof value === 'number' && Number.isFinite(value) ? value.toFixed(3).replace(/^-(0\.000)$/, '$1') : '–';
+}
+
 function section(panel, title) {
   const s = element('section');
   s.append(element('h2', '', title));
@@ -80,13 +85,13 @@ export function fillPanel(panel, data) {
       const s = section(panel, 'Feet during contacts');
       const footRows = [];
       for (const foot of report.feet) {
-        const runs = [['source', foot.source], ['planted', foot.withPlanting], ['not planted', foot.withoutPlanting]];
+        const runs = [['source', foot.source], ['planted', foot.withPlanting], ['unplanted', foot.withoutPlanting]];
         for (const [label, f] of runs)
-          if (f) footRows.push([`${foot.foot} ${label}`, figure(f.slide), `${figure(f.lowestMin)} – ${figure(f.lowestMax)}`,
+          if (f) footRows.push([`${foot.foot} ${label}`, legs(f.slide), `${legs(f.lowestMin)}…${legs(f.lowestMax)}`,
                                 degrees(f.kneeStepDegrees)]);
         if (foot.leftAlone) footRows.push([`${foot.foot}`, `left alone: ${foot.leftAlone}`, '', '']);
       }
-      table(s, ['', 'slide', 'lowest', 'knee step°'], footRows);
+      table(s, ['', 'slide', 'lowest', 'knee°'], footRows, 'feet');
       s.append(element('p', 'note', 'slide in leg lengths/s; lowest above the ground in leg lengths'));
     } else if (report.footSliding) {
       const s = section(panel, 'Foot sliding (units/s while low)');
