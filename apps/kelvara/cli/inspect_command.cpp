@@ -120,17 +120,19 @@ void PrintFile(const AnimationFile& file, const Character& c)
                 c.orientation.left.z, HipHeight(c));
   for (const std::string& note : c.notes)
     std::printf("note: %s\n", note.c_str());
-  if (file.hasClip && c.orientation.known)
-    for (bool left : {true, false})
-      if (const Leg leg = LegOf(c, left); leg.Complete())
-      {
-        const FootContacts contacts = FindFootContacts(c, file.clip, left);
-        std::printf("ground contacts, %s ankle %s (frames): %s\n", left ? "left" : "right",
-                    skeleton.joints[static_cast<std::size_t>(leg.foot)].name.c_str(), RangesText(contacts.ankle).c_str());
-        if (leg.toe >= 0)
-          std::printf("ground contacts, %s toe %s (frames): %s\n", left ? "left" : "right",
-                      skeleton.joints[static_cast<std::size_t>(leg.toe)].name.c_str(), RangesText(contacts.toe).c_str());
-      }
+  if (!file.hasClip || !c.orientation.known)
+    return;
+  const std::vector<FootContacts> feet = FindFeetContacts(c, file.clip);
+  for (bool left : {true, false})
+    if (const Leg leg = LegOf(c, left); leg.Complete())
+    {
+      const FootContacts& contacts = feet[left ? 0 : 1];
+      std::printf("ground contacts, %s ankle %s (frames): %s\n", left ? "left" : "right",
+                  skeleton.joints[static_cast<std::size_t>(leg.foot)].name.c_str(), RangesText(contacts.ankle).c_str());
+      if (leg.toe >= 0)
+        std::printf("ground contacts, %s toe %s (frames): %s\n", left ? "left" : "right",
+                    skeleton.joints[static_cast<std::size_t>(leg.toe)].name.c_str(), RangesText(contacts.toe).c_str());
+    }
 }
 
 class InspectCommand : public Command

@@ -192,6 +192,9 @@ private:
     PrintCharacter("target", road.TargetCharacter(), road.Target());
     PrintPairing(*run.side, road, _quiet);
     PrintWarnings(run.clip.warnings);
+    if (road.Options().plantFeet)
+      std::printf("feet planted during the source's ground contacts: %d frames held, hips lowered at most %.3g\n",
+                  run.planted.plantedFrames, run.planted.hipsLowered);
     std::printf("wrote %s: %zu joints, %d frames of %g s\n", _out.c_str(), road.Target().skeleton.joints.size(),
                 run.output.frameCount, run.output.frameTime);
     if (!_reportPath.empty())

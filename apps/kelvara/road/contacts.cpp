@@ -113,22 +113,29 @@ std::vector<FrameRange> FindContacts(const std::vector<Vector>& positions, const
   return contacts;
 }
 
-FootContacts FindFootContacts(const Character& c, const Clip& clip, bool left)
+FootContacts FindFootContacts(const FootTrack& track, const Vector& up, double legLength, double frameTime)
 {
-  FootContacts contacts;
-  const Leg leg = LegOf(c, left);
-  if (!c.orientation.known || !leg.Complete())
-    return contacts;
+  return {FindContacts(track.ankle, up, legLength, frameTime), FindContacts(track.toe, up, legLength, frameTime)};
+}
+
+double UsableLegLength(const Character& c, const Leg& leg)
+{
+  const double length = LegLength(leg, c.restGlobal);
+  return length > 0.0 ? length : HipHeight(c);
+}
+
+std::vector<FootContacts> FindFeetContacts(const Character& c, const Clip& clip)
+{
+  std::vector<FootContacts> feet(2);
+  if (!c.orientation.known)
+    return feet;
   const Vector up = GroundUp(c);
-  const double length = LegLength(leg, c.restGlobal) > 0.0 ? LegLength(leg, c.restGlobal) : HipHeight(c);
-  contacts.ankle = FindContacts(TrackFoot(*c.skeleton, clip, leg, up).ankle, up, length, clip.frameTime);
-  if (leg.toe >= 0)
-  {
-    Leg toe = leg;
-    toe.foot = leg.toe;
-    contacts.toe = FindContacts(TrackFoot(*c.skeleton, clip, toe, up).ankle, up, length, clip.frameTime);
-  }
-  return contacts;
+  const std::vector<Leg> legs{LegOf(c, true), LegOf(c, false)};
+  const std::vector<FootTrack> tracks = TrackFeet(*c.skeleton, clip, legs, up);
+  for (std::size_t i = 0; i < legs.size(); ++i)
+    if (legs[i].Complete())
+      feet[i] = FindFootContacts(tracks[i], up, UsableLegLength(c, legs[i]), clip.frameTime);
+  return feet;
 }
 
 std::vector<int> FootJoints(const Skeleton& skeleton, int ankle)
@@ -148,25 +155,44 @@ std::vector<int> FootJoints(const Skeleton& skeleton, int ankle)
   return joints;
 }
 
+std::vector<FootTrack> TrackFeet(const Skeleton& skeleton, const Clip& clip, const std::vector<Leg>& legs,
+                                 const Vector& up)
+{
+  std::vector<FootTrack> tracks(legs.size());
+  std::vector<std::vector<int>> feet(legs.size());
+  bool any = false;
+  for (std::size_t i = 0; i < legs.size(); ++i)
+    if (legs[i].Complete())
+    {
+      feet[i] = FootJoints(skeleton, legs[i].foot);
+      any = true;
+    }
+  WorldPose world;
+  for (int f = 0; any && f < clip.frameCount && world.Evaluate(skeleton, &clip, f); ++f)
+    for (std::size_t i = 0; i < legs.size(); ++i)
+    {
+      const Leg& leg = legs[i];
+      if (!leg.Complete())
+        continue;
+      FootTrack& track = tracks[i];
+      track.hip.push_back(world[At(leg.thigh)].off);
+      track.ankle.push_back(world[At(leg.foot)].off);
+      if (leg.toe >= 0)
+        track.toe.push_back(world[At(leg.toe)].off);
+      double lowest = telvo::Dot(world[At(leg.foot)].off, up);
+      for (int j : feet[i])
+        lowest = std::min({lowest, telvo::Dot(world[At(j)].off, up), telvo::Dot(world.EndSite(skeleton, At(j)), up)});
+      track.lowest.push_back(lowest);
+      const Vector thigh = world[At(leg.shin)].off - world[At(leg.thigh)].off;
+      const Vector shin = world[At(leg.foot)].off - world[At(leg.shin)].off;
+      track.kneeDegrees.push_back(AngleDegrees(thigh, shin));
+    }
+  return tracks;
+}
+
 FootTrack TrackFoot(const Skeleton& skeleton, const Clip& clip, const Leg& leg, const Vector& up)
 {
-  FootTrack track;
-  if (!leg.Complete())
-    return track;
-  const std::vector<int> foot = FootJoints(skeleton, leg.foot);
-  WorldPose world;
-  for (int f = 0; f < clip.frameCount && world.Evaluate(skeleton, &clip, f); ++f)
-  {
-    track.ankle.push_back(world[At(leg.foot)].off);
-    double lowest = telvo::Dot(world[At(leg.foot)].off, up);
-    for (int j : foot)
-      lowest = std::min({lowest, telvo::Dot(world[At(j)].off, up), telvo::Dot(world.EndSite(skeleton, At(j)), up)});
-    track.lowest.push_back(lowest);
-    const Vector thigh = world[At(leg.shin)].off - world[At(leg.thigh)].off;
-    const Vector shin = world[At(leg.foot)].off - world[At(leg.shin)].off;
-    track.kneeDegrees.push_back(AngleDegrees(thigh, shin));
-  }
-  return track;
+  return TrackFeet(skeleton, clip, {leg}, up)[0];
 }
 
 FootFigures MeasureFoot(const FootTrack& track, const std::vector<FrameRange>& contacts, const Vector& up,

@@ -63,30 +63,41 @@ double LegLength(const Leg& leg, const std::vector<telvo::Matrix>& rest);
 std::vector<FrameRange> FindContacts(const std::vector<telvo::Vector>& positions, const telvo::Vector& up,
                                      double legLength, double frameTime);
 
-// The contacts of one foot of a character over clip (of its skeleton), the ankle's and the toe's,
-// with the thresholds taken from that leg's length; none when the character's up is not known.
-struct FootContacts
-{
-  std::vector<FrameRange> ankle;
-  std::vector<FrameRange> toe;
-};
-FootContacts FindFootContacts(const Character& character, const Clip& clip, bool left);
-
 // The height along up below which only kFloorQuantile of the values lie.
 double Floor(std::vector<double> heights);
 
 // The joints whose positions make up a foot: the ankle and everything below it.
 std::vector<int> FootJoints(const Skeleton& skeleton, int ankle);
 
-// One foot of a clip, frame by frame: the ankle's world position, the lowest point of the foot
-// along up (its joints and end sites), and the knee's angle in degrees (0 for a straight leg).
+// One foot of a clip, frame by frame: the hip's, ankle's and toe's world positions (no toe: empty),
+// the lowest point of the foot along up (its joints and end sites), and the knee's angle in
+// degrees (0 for a straight leg).
 struct FootTrack
 {
+  std::vector<telvo::Vector> hip; // the thigh joint
   std::vector<telvo::Vector> ankle;
+  std::vector<telvo::Vector> toe;
   std::vector<double> lowest;
   std::vector<double> kneeDegrees;
 };
+// Tracks of every leg (complete ones; others get empty tracks), in one pass over the frames.
+std::vector<FootTrack> TrackFeet(const Skeleton& skeleton, const Clip& clip, const std::vector<Leg>& legs,
+                                 const telvo::Vector& up);
 FootTrack TrackFoot(const Skeleton& skeleton, const Clip& clip, const Leg& leg, const telvo::Vector& up);
+
+// The contacts of one foot, the ankle's and the toe's, with the thresholds taken from its leg's
+// length.
+struct FootContacts
+{
+  std::vector<FrameRange> ankle;
+  std::vector<FrameRange> toe;
+};
+FootContacts FindFootContacts(const FootTrack& track, const telvo::Vector& up, double legLength, double frameTime);
+// The leg's rest length, or the character's hip height when the leg has none.
+double UsableLegLength(const Character& character, const Leg& leg);
+// Both feet of a character over clip (of its skeleton), left then right; none where the
+// character's up is not known or a leg is incomplete.
+std::vector<FootContacts> FindFeetContacts(const Character& character, const Clip& clip);
 
 // What an animator sees of one foot during its contacts, in leg lengths: how fast the ankle
 // slides square to up, and where the lowest point of the foot lies against the ground (below it

@@ -97,6 +97,7 @@ struct LegState
 {
   const PlannedFoot* foot = nullptr;
   std::vector<double> weight; // per frame
+  std::vector<Vector> hip;    // per frame: the thigh joint where the transfer put it
   std::vector<Vector> free;   // per frame: the ankle where the transfer put it
   std::vector<Vector> held;   // per frame with a weight: where the hold puts it
 };
@@ -151,13 +152,17 @@ FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Cl
   const Skeleton& tf = *tc.skeleton;
   plan.usable = sc.orientation.known;
   plan.up = GroundUp(sc);
+  const std::vector<Leg> sourceLegs{LegOf(sc, true), LegOf(sc, false)};
+  const std::vector<FootTrack> sourceTracks =
+    plan.usable ? TrackFeet(sf, source, sourceLegs, plan.up) : std::vector<FootTrack>(2);
   std::vector<double> lowest(static_cast<std::size_t>(source.frameCount), 0.0);
   bool anyFoot = false;
-  for (bool left : {true, false})
+  for (std::size_t i = 0; i < sourceLegs.size(); ++i)
   {
+    const bool left = i == 0;
     PlannedFoot foot;
     foot.left = left;
-    foot.source = LegOf(sc, left);
+    foot.source = sourceLegs[i];
     foot.target = LegOf(tc, left);
     foot.sourceLegLength = LegLength(foot.source, sc.restGlobal);
     foot.targetLegLength = LegLength(foot.target, tc.restGlobal);
@@ -174,10 +179,10 @@ FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Cl
       foot.leftAlone = std::string("the ") + side + " thigh, shin and foot are not paired with the source's";
     else if (!(foot.sourceLegLength > 0.0) || !(foot.targetLegLength > 0.0))
       foot.leftAlone = std::string("the ") + side + " leg has no length in a rest pose";
+    const FootTrack& track = sourceTracks[i];
     if (plan.usable && foot.source.Complete())
     {
-      const FootTrack track = TrackFoot(sf, source, foot.source, plan.up);
-      FootContacts contacts = FindFootContacts(sc, source, left);
+      FootContacts contacts = FindFootContacts(track, plan.up, UsableLegLength(sc, foot.source), source.frameTime);
       foot.contacts = std::move(contacts.ankle);
       foot.toeContacts = std::move(contacts.toe);
       for (std::size_t f = 0; f < track.lowest.size() && f < lowest.size(); ++f)
@@ -190,14 +195,12 @@ FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Cl
     return plan;
   plan.sourceGround = anyFoot ? Floor(lowest) : 0.0;
   std::vector<double> standing;
-  for (const PlannedFoot& foot : plan.feet)
-    if (foot.target.Complete() && !foot.contacts.empty())
-    {
-      const FootTrack track = TrackFoot(tf, output, foot.target, plan.up);
-      for (const FrameRange& r : foot.contacts)
-        for (int f = r.first; f <= r.last && f < static_cast<int>(track.lowest.size()); ++f)
-          standing.push_back(track.lowest[At(f)]);
-    }
+  const std::vector<FootTrack> targetTracks =
+    TrackFeet(tf, output, {plan.feet[0].target, plan.feet[1].target}, plan.up);
+  for (std::size_t i = 0; i < plan.feet.size(); ++i)
+    for (const FrameRange& r : plan.feet[i].contacts)
+      for (int f = r.first; f <= r.last && f < static_cast<int>(targetTracks[i].lowest.size()); ++f)
+        standing.push_back(targetTracks[i].lowest[At(f)]);
   if (!standing.empty())
   {
     std::nth_element(standing.begin(), standing.begin() + static_cast<std::ptrdiff_t>(standing.size() / 2), standing.end());
@@ -233,10 +236,16 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
   }
   if (legs.empty())
     return result;
-  for (LegState& leg : legs)
+  std::vector<Leg> targetLegs;
+  for (const LegState& leg : legs)
+    targetLegs.push_back(leg.foot->target);
+  const std::vector<FootTrack> tracks = TrackFeet(tf, output, targetLegs, up);
+  for (std::size_t i = 0; i < legs.size(); ++i)
   {
-    const FootTrack track = TrackFoot(tf, output, leg.foot->target, up);
+    LegState& leg = legs[i];
+    const FootTrack& track = tracks[i];
     leg.free = track.ankle;
+    leg.hip = track.hip;
     const std::vector<FrameRange>& contacts = leg.foot->contacts;
     const int ease = std::max(1, static_cast<int>(std::lround(kPlantEaseSeconds / output.frameTime)));
     const int lastFrame = static_cast<int>(frames) - 1;
@@ -270,31 +279,20 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
   // How far the hips must go down for each leg to reach its goal, spread over neighbouring frames
   // so that the hips never drop in one frame.
   std::vector<double> drop(frames, 0.0);
+  for (const LegState& leg : legs)
   {
-    WorldPose world;
+    const double reach = leg.foot->targetLegLength * kLongestReach;
     for (std::size_t f = 0; f < frames; ++f)
     {
-      bool held = false;
-      for (const LegState& leg : legs)
-        held = held || leg.weight[f] > 0.0;
-      if (!held || !world.Evaluate(tf, &output, static_cast<int>(f)))
+      if (!(leg.weight[f] > 0.0))
         continue;
-      for (const LegState& leg : legs)
-      {
-        if (!(leg.weight[f] > 0.0))
-          continue;
-        const Leg& t = leg.foot->target;
-        const Vector hip = world[At(t.thigh)].off;
-        const double reach = (telvo::Length(world[At(t.shin)].off - hip) +
-                              telvo::Length(world[At(t.foot)].off - world[At(t.shin)].off)) * kLongestReach;
-        // The hold itself must be in reach: while easing, the leg's goal lies between it and the
-        // free ankle, which the leg reaches by its own rotations.
-        const Vector toGoal = leg.held[f] - hip;
-        const double across = telvo::Length(Across(toGoal, up));
-        const double below = -telvo::Dot(toGoal, up);
-        const double reachable = across < reach ? std::sqrt(reach * reach - across * across) : 0.0;
-        drop[f] = std::max(drop[f], below - reachable);
-      }
+      // The hold itself must be in reach: while easing, the leg's goal lies between it and the
+      // free ankle, which the leg reaches by its own rotations.
+      const Vector toGoal = leg.held[f] - leg.hip[f];
+      const double across = telvo::Length(Across(toGoal, up));
+      const double below = -telvo::Dot(toGoal, up);
+      const double reachable = across < reach ? std::sqrt(reach * reach - across * across) : 0.0;
+      drop[f] = std::max(drop[f], below - reachable);
     }
   }
   const std::vector<double> smoothDrop =
@@ -327,9 +325,12 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
       continue;
     ++result.plantedFrames;
     Quaternion* local = output.rotations.data() + f * tn;
+    // One pose serves both legs: neither leg's joints lie above the other's.
+    if (!world.Evaluate(tf, &output, static_cast<int>(f)))
+      continue;
     for (const LegState& leg : legs)
     {
-      if (!(leg.weight[f] > 0.0) || !world.Evaluate(tf, &output, static_cast<int>(f)))
+      if (!(leg.weight[f] > 0.0))
         continue;
       const Leg& t = leg.foot->target;
       const Vector lowered = leg.free[f] - up * smoothDrop[f];
