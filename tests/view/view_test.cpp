@@ -60,8 +60,11 @@ json ColouredPairs(const json& pairs, const Skeleton& target)
 {
   json out = json::array();
   for (const json& pair : pairs)
-    if (const int t = target.FindJoint(pair[1].get<std::string>()); t >= 0 && target.joints[static_cast<std::size_t>(t)].parent >= 0)
+  {
+    const int t = target.FindJoint(pair[1].get<std::string>());
+    if (t >= 0 && target.joints[static_cast<std::size_t>(t)].parent >= 0)
       out.push_back(pair);
+  }
   return out;
 }
 
@@ -262,7 +265,8 @@ TEST_F(ViewPageTest, FilesABrowserCannotReadAreEmbeddedAsGlb)
   ASSERT_TRUE(WriteAnimationFile((_dir / "walk.gltf").string(), walk, walk.clip, request, error)) << error;
   std::string text = kelvara_test::ReadWholeFile(_dir / "walk.gltf");
   ViewFile embedded;
-  ASSERT_TRUE(EmbedClipFile((_dir / "walk.gltf").string(), Read((_dir / "walk.gltf").string(), true), true, embedded, error));
+  const AnimationFile whole = Read((_dir / "walk.gltf").string(), true);
+  ASSERT_TRUE(EmbedClipFile((_dir / "walk.gltf").string(), whole, true, embedded, error)) << error;
   EXPECT_EQ(embedded.format, "gltf"); // our writer keeps buffers inside: taken as it is
   EXPECT_EQ(embedded.bytes, text);
 

@@ -28,7 +28,8 @@ public:
       "demo", "Retarget a built-in walk onto a built-in character of other names, proportions and rest pose, write "
               "the result as BVH and as a GLB of the character's skinned mesh, print the mapping and a summary, and "
               "draw a picture and a web page that plays both. No file needed.");
-    c->add_option("-o,--output", _out, "BVH file to write; the GLB, the picture and the page (.html) go beside it")->capture_default_str();
+    c->add_option("-o,--output", _out, "BVH file to write; the GLB, the picture and the page (.html) go beside it")
+      ->capture_default_str();
     c->add_option("--frames", _frames, "Frames of the walk")->capture_default_str()->check(CLI::Range(1, 1000000));
     c->add_flag("--match-rest,!--keep-rest", _matchRest, kMatchRestHelp);
     c->add_flag("--plant-feet,!--no-plant-feet", _plantFeet, kPlantFeetHelp);

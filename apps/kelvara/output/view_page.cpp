@@ -21,7 +21,8 @@ namespace
 
 std::string Lower(std::string text)
 {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return text;
 }
 
@@ -67,8 +68,11 @@ bool SelfContainedGltf(const std::string& text)
   for (const char* key : {"buffers", "images"})
     if (const auto list = document.find(key); list != document.end() && list->is_array())
       for (const nlohmann::json& item : *list)
-        if (const auto uri = item.find("uri"); uri != item.end() && (!uri->is_string() || uri->get<std::string>().rfind("data:", 0) != 0))
+      {
+        const auto uri = item.find("uri");
+        if (uri != item.end() && (!uri->is_string() || uri->get<std::string>().rfind("data:", 0) != 0))
           return false;
+      }
   return true;
 }
 
@@ -119,7 +123,8 @@ std::string FileName(const std::string& path)
 // Line of the byte at offset, for messages.
 std::size_t LineOf(const std::string& text, std::size_t offset)
 {
-  return 1 + static_cast<std::size_t>(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, text.size())), '\n'));
+  const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, text.size()));
+  return 1 + static_cast<std::size_t>(std::count(text.begin(), end, '\n'));
 }
 
 } // namespace

@@ -61,7 +61,8 @@ bool ReadReportClip(const std::string& reportPath, const std::string& outputPath
                     const Skeleton& target, nlohmann::ordered_json& clip, std::string& error);
 
 // The report clip's pairs as names, in target joint order.
-std::vector<std::pair<std::string, std::string>> ReportPairs(const nlohmann::ordered_json& clip, const Skeleton& target);
+std::vector<std::pair<std::string, std::string>> ReportPairs(const nlohmann::ordered_json& clip,
+                                                             const Skeleton& target);
 
 // True when path names an .html (.htm) file; else false with a message.
 bool CheckPagePath(const std::string& path, std::string& error);
