@@ -208,14 +208,15 @@ if (await api(() => window.kelvaraView.ready)) {
   const frames = await api(() => window.kelvaraView.frames);
   if (Math.abs(clicked - 0.75 * (frames - 1)) > 0.05 * frames) fail(`a click at 3/4 of the slider went to frame ${clicked} of ${frames}`);
 
-  // Looping wraps to the start and goes on; without it the clip stops on its last frame.
+  // Looping wraps to the start and goes on; without it the clip stops on its last frame. The
+  // waits leave a loaded machine time for several animation frames.
   const last = frames - 1;
   const wait = (ms) => new Promise((r) => setTimeout(r, ms));
   await api((f) => {
     window.kelvaraView.setFrame(f);
     window.kelvaraView.play();
   }, Math.max(0, last - 1));
-  await wait(600);
+  await wait(1500);
   const looped = await api(() => ({ frame: window.kelvaraView.frame(), playing: window.kelvaraView.playing() }));
   if (!looped.playing || looped.frame >= last - 1) fail(`looping from the end should go on from the start, found frame ${looped.frame}`);
   await page.click('#loop');
@@ -223,7 +224,7 @@ if (await api(() => window.kelvaraView.ready)) {
     window.kelvaraView.setFrame(f);
     window.kelvaraView.play();
   }, Math.max(0, last - 1));
-  await wait(600);
+  await wait(1500);
   const stopped = await api(() => ({ frame: window.kelvaraView.frame(), playing: window.kelvaraView.playing() }));
   if (stopped.playing || stopped.frame !== last) fail(`without loop the clip should stop on frame ${last}, found ${stopped.frame}`);
   await page.click('#loop');
