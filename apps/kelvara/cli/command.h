@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "output/view_page.h"
 #include "road/setup.h"
 #include "telvo/loader.h"
 
@@ -35,9 +36,16 @@ public:
 std::unique_ptr<Command> MakeRetargetCommand();
 std::unique_ptr<Command> MakeInspectCommand();
 std::unique_ptr<Command> MakePreviewCommand();
+std::unique_ptr<Command> MakeViewCommand();
 std::unique_ptr<Command> MakeCharacterCommand();
 std::unique_ptr<Command> MakeDemoCommand();
 std::unique_ptr<Command> MakeModulesCommand();
+
+struct ClipRun;
+// Writes the viewer page of a finished single run to path: source as given, the result the run
+// wrote at resultPath (its last animation), the run's pairs and, when it was measured, its report.
+ExitCode WriteRunView(const std::string& path, const ViewFile& source, const std::string& resultPath, const Road& road,
+                      const ClipRun& run);
 
 // The module file built beside the executable (or named by $KELVARA_MODULE).
 std::string DefaultModulePath();

@@ -47,6 +47,7 @@ int ParseAndRun(int argc, char** argv)
   commands.push_back(MakeRetargetCommand());
   commands.push_back(MakeCharacterCommand());
   commands.push_back(MakePreviewCommand());
+  commands.push_back(MakeViewCommand());
   commands.push_back(MakeInspectCommand());
   commands.push_back(MakeDemoCommand());
   std::vector<CLI::App*> subcommands;

@@ -27,8 +27,9 @@ public:
     CLI::App* c = app.add_subcommand(
       "demo", "Retarget a built-in walk onto a built-in character of other names, proportions and rest pose, write "
               "the result as BVH and as a GLB of the character's skinned mesh, print the mapping and a summary, and "
-              "draw a picture. No file needed.");
-    c->add_option("-o,--output", _out, "BVH file to write; the GLB and the picture go beside it")->capture_default_str();
+              "draw a picture and a web page that plays both. No file needed.");
+    c->add_option("-o,--output", _out, "BVH file to write; the GLB, the picture and the page (.html) go beside it")
+      ->capture_default_str();
     c->add_option("--frames", _frames, "Frames of the walk")->capture_default_str()->check(CLI::Range(1, 1000000));
     c->add_flag("--match-rest,!--keep-rest", _matchRest, kMatchRestHelp);
     c->add_flag("--plant-feet,!--no-plant-feet", _plantFeet, kPlantFeetHelp);
@@ -48,6 +49,7 @@ public:
     run.source = DemoSourceFile(_frames);
     run.outputPath = _out;
     run.otherRest = true;
+    run.describe = run.measure = true; // for the page's report
     const AnimationFile target = DemoTargetFile();
     std::printf("kelvara demo: a built-in walk (%zu joints, %d frames) onto a built-in skeleton of other names, "
                 "proportions and rest pose (%zu joints)\n\n",
@@ -132,7 +134,14 @@ private:
     std::printf("wrote %s: the walk and its retarget on the target's own rest and on the matched rest, side by "
                 "side; %s was written\n",
                 pngPath.c_str(), _matchRest ? "the matched one" : "the one on its own rest (--keep-rest)");
-    return ExitCode::kOk;
+
+    // The page plays the walk and the skinned character side by side.
+    ViewFile walkFile;
+    walkFile.name = "built-in walk.bvh";
+    walkFile.format = "bvh";
+    if (!WriteBvhToString(MakeDemoSource(_frames), walkFile.bytes, error))
+      return Report(ExitCode::kFailure, error);
+    return WriteRunView(Stem(_out) + ".html", walkFile, glbPath, road, run);
   }
 
   std::string _out = "demo_out.bvh";

@@ -144,6 +144,9 @@ public:
     c->add_flag("--no-root-motion", _noRootMotion, "Keep the root in place");
     c->add_flag("--match-rest,!--keep-rest", _road.matchRest, kMatchRestHelp);
     c->add_flag("--plant-feet,!--no-plant-feet", _road.plantFeet, kPlantFeetHelp);
+    c->add_option("--view", _viewPath,
+                  "Also write a web page (.html) that plays the source and the result side by side, with the report "
+                  "(one clip only)");
     c->add_flag("--timings", _timings, "Print reading, solving and writing times to stderr");
     c->add_flag("-q,--quiet", _quiet, "Do not print the joint mapping");
     return c;
@@ -169,12 +172,12 @@ private:
   ExitCode RunSingle(Road& road)
   {
     std::string error;
-    if (!CheckWritablePath(_out, error))
+    if (!CheckWritablePath(_out, error) || (!_viewPath.empty() && !CheckPagePath(_viewPath, error)))
       return Report(ExitCode::kBadInput, error);
     ClipRun run;
     run.sourcePath = _sources[0];
     run.outputPath = _out;
-    run.describe = run.measure = !_reportPath.empty();
+    run.describe = run.measure = !_reportPath.empty() || !_viewPath.empty();
     run.replaceAnimations = _replaceAnimations;
     Problem problem;
     if (!road.Setup(problem))
@@ -201,6 +204,14 @@ private:
       if (!_quiet)
         PrintReportTable(stdout, {run.clip});
     }
+    if (!_viewPath.empty())
+    {
+      ViewFile source;
+      if (!EmbedClipFile(run.sourcePath, run.source, false, source, error))
+        return Report(ExitCode::kFailure, error);
+      if (const ExitCode view = WriteRunView(_viewPath, source, _out, road, run); view != ExitCode::kOk)
+        return view;
+    }
     if (_timings)
     {
       const double inputBytes = FileBytes(run.sourcePath) + FileBytes(_road.targetPath);
@@ -218,6 +229,9 @@ private:
 
   ExitCode RunBatch(Road& road)
   {
+    if (!_viewPath.empty())
+      return Report(ExitCode::kBadInput, "expected one SOURCE with --view (a page shows one clip), found " +
+                                           std::to_string(_sources.size()));
     BatchSettings settings;
     settings.sources = _sources;
     settings.outDir = _out;
@@ -258,6 +272,7 @@ private:
   std::string _preset;
   std::string _rootScale = "auto";
   std::string _reportPath;
+  std::string _viewPath;
   RoadOptions _road;
   int _jobs = 0;
   bool _noRootMotion = false;
