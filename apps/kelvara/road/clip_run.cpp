@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "road/frame_threads.h"
+
 namespace kelvara
 {
 
@@ -45,11 +47,8 @@ bool RunClip(Road& road, ClipRun& run)
   }
   run.side = &side;
   std::string error;
-  {
-    ClipRetarget retarget;
-    if (!retarget.Setup(side.prepared, error) || !retarget.Run(run.source.clip, run.output, error))
-      return run.problem.Set(false, error);
-  }
+  if (!RetargetFrames(side.prepared, run.source.clip, run.threads, run.output, error))
+    return run.problem.Set(false, error);
   if (run.describe || run.measure)
   {
     DescribePairing(side.prepared, !road.Options().sourcePreset.empty(), !road.Options().targetPreset.empty(),
