@@ -1,14 +1,15 @@
 // Writes the BVH sources the speed bench needs and no one ships: wide and deep skeletons.
 //
-//   node make_skeletons.mjs faces CLIP.bvh N OUT.bvh
+//   node make_skeletons.mjs faces CLIP.bvh N OUT.bvh [FRAMES]
 //       CLIP with N still joints more (a face's worth of bones, all zero rotations) hung under its
-//       Head in place of the Head's end site: the same motion over more joints.
+//       Head in place of the Head's end site: the same motion over more joints. With FRAMES, only
+//       the first FRAMES frames.
 //   node make_skeletons.mjs chain N FRAMES OUT.bvh
 //       One chain of N joints (a root and N-1 joints, each the only child of the one before) with
 //       FRAMES frames of a gentle bend: the deepest file the reader takes is 10,000 joints.
 import fs from 'node:fs';
 
-function faces(clipPath, count, outPath) {
+function faces(clipPath, count, outPath, keepFrames) {
   const lines = fs.readFileSync(clipPath, 'utf8').split(/\r?\n/);
   const head = lines.findIndex((l) => /^\s*JOINT\s+Head\s*$/.test(l));
   if (head < 0) throw new Error(`${clipPath}: no joint named Head`);
@@ -38,6 +39,10 @@ function faces(clipPath, count, outPath) {
   const out = [...lines.slice(0, endSite), ...joints, ...lines.slice(endSite + 4)];
   const motion = out.findIndex((l) => /^\s*MOTION\s*$/.test(l));
   const zeros = Array(3 * count).fill('0').join(' ');
+  if (keepFrames > 0) {
+    out.splice(motion + 3 + keepFrames);
+    out[motion + 1] = `Frames: ${keepFrames}`;
+  }
   for (let i = motion + 3; i < out.length; i++) {
     if (!out[i].trim()) continue;
     const values = out[i].trim().split(/\s+/);
@@ -64,9 +69,9 @@ function chain(count, frames, outPath) {
 }
 
 const [mode, ...args] = process.argv.slice(2);
-if (mode === 'faces') faces(args[0], Number(args[1]), args[2]);
+if (mode === 'faces') faces(args[0], Number(args[1]), args[2], Number(args[3] ?? 0));
 else if (mode === 'chain') chain(Number(args[0]), Number(args[1]), args[2]);
 else {
-  console.error('usage: make_skeletons.mjs faces CLIP.bvh N OUT.bvh | chain N FRAMES OUT.bvh');
+  console.error('usage: make_skeletons.mjs faces CLIP.bvh N OUT.bvh [FRAMES] | chain N FRAMES OUT.bvh');
   process.exit(2);
 }
