@@ -68,6 +68,7 @@ bool RunClip(Road& road, ClipRun& run)
   WriteRequest write;
   write.driven = DrivenJoints(side.prepared);
   write.replaceAnimations = run.replaceAnimations;
+  write.threads = run.threads;
   if (!WriteAnimationFile(run.outputPath, road.Target(), run.output, write, error, &run.writtenAnimation))
     return run.problem.Set(false, error);
   run.writeSeconds = SecondsSince(start);

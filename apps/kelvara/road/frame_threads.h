@@ -20,12 +20,10 @@ constexpr int kMinFramesPerThread = 64;
 int FrameThreads(int frameCount, int threads);
 
 // Every frame of clip through prepared into output, on up to threads threads (0: every core).
-// The first failure in frame order is the one reported. A thread that cannot be started leaves
+// The first failure in frame order is the one reported; memory of the host's running out throws
+// std::bad_alloc on the calling thread, as on one thread. A thread that cannot be started leaves
 // its frames to the calling thread.
 bool RetargetFrames(const PreparedRetarget& prepared, const Clip& clip, int threads, Clip& output,
                     std::string& error);
-
-// std::thread::hardware_concurrency, or 1 when it cannot tell.
-int CoreCount();
 
 } // namespace kelvara

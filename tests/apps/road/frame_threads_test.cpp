@@ -9,6 +9,7 @@
 
 #include "demo/demo.h"
 #include "io/bvh/bvh_file.h"
+#include "io/shares.h"
 #include "support/run_app.h"
 
 namespace kelvara

@@ -2,6 +2,7 @@
 
 #include "io/atomic_file.h"
 #include "io/read_file.h"
+#include "io/shares.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -639,6 +640,25 @@ private:
   }
 };
 
+// Fewer rows than this are not worth a thread.
+constexpr int kRowsPerShare = 256;
+
+void WriteRows(Writer& w, const BvhFile& file, int first, int last)
+{
+  const std::size_t row = static_cast<std::size_t>(file.channelCount);
+  const double* v = file.motion.data() + static_cast<std::size_t>(first) * row;
+  for (int f = first; f < last; ++f)
+  {
+    for (std::size_t c = 0; c < row; ++c)
+    {
+      if (c != 0)
+        w.Put(' ');
+      w.Number(*v++);
+    }
+    w.Put('\n');
+  }
+}
+
 void WriteVector(Writer& w, const telvo::Vector& v)
 {
   w.Number(v.x);
@@ -760,7 +780,7 @@ bool ValidateBvh(const BvhFile& file, std::string& error)
   return true;
 }
 
-bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error)
+bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error, int threads)
 {
   if (!ValidateBvh(file, error))
     return false;
@@ -823,25 +843,32 @@ bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error
   w.Put("\nFrame Time: ");
   w.Number(file.frameTime);
   w.Put('\n');
-  const std::size_t row = static_cast<std::size_t>(file.channelCount);
-  const double* v = file.motion.data();
-  for (int f = 0; f < file.frameCount; ++f)
-  {
-    for (std::size_t c = 0; c < row; ++c)
+  // Rows are written apart from one another: shares of them on threads of their own, each into
+  // a text of its own but the first, which goes on in place.
+  const int shares = ShareCount(file.frameCount, threads, kRowsPerShare);
+  std::vector<std::string> shareTexts(static_cast<std::size_t>(shares - 1));
+  RunShares(file.frameCount, shares, [&](int share, int first, int last) {
+    if (share == 0)
+      WriteRows(w, file, first, last);
+    else
     {
-      if (c != 0)
-        w.Put(' ');
-      w.Number(*v++);
+      Writer own(shareTexts[static_cast<std::size_t>(share - 1)]);
+      own.Reserve(static_cast<std::size_t>(last - first) * static_cast<std::size_t>(file.channelCount) * 25);
+      WriteRows(own, file, first, last);
     }
-    w.Put('\n');
+  });
+  for (std::string& shareText : shareTexts)
+  {
+    w.Put(shareText);
+    std::string().swap(shareText);
   }
   return true;
 }
 
-bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error)
+bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error, int threads)
 {
   std::string text;
-  if (!WriteBvhToString(file, text, error))
+  if (!WriteBvhToString(file, text, error, threads))
   {
     error = "cannot write '" + path + "': " + error;
     return false;
