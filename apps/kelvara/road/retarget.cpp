@@ -292,6 +292,12 @@ bool ClipRetarget::RunFrames(const Clip& clip, int first, int last, Clip& output
   const Skeleton& sf = *source.skeleton;
   const Skeleton& tf = *target.skeleton;
   const std::size_t tn = tf.joints.size();
+  if (first < 0 || first > last || last > clip.frameCount || output.frameCount != clip.frameCount ||
+      output.rotations.size() != static_cast<std::size_t>(clip.frameCount) * tn)
+  {
+    error = "frames " + std::to_string(first) + " to " + std::to_string(last) + " do not fit the clip or the output";
+    return false;
+  }
   const telvo::CharacterSolverConfiguration& configuration = _prepared->Configuration();
   const telvo::CharacterAssociation& association = _prepared->Association();
   const double appliedRootScale = _prepared->appliedRootScale;
