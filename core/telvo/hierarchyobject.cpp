@@ -6,7 +6,30 @@ namespace telvo
 namespace
 {
 constexpr const char* kUnitName = "telvo/hierarchyobject";
+
+// Releasing a node releases its children from within its destructor, and copying one copies its
+// children from within its copy: beyond these many levels the work waits for the outermost call
+// instead, so that a tree of any depth is released and copied on a bounded stack.
+constexpr int kNestedLevels = 64;
+
+thread_local int t_releaseLevel = 0;
+thread_local bool t_releasing = false;
+thread_local ObjectRef t_releaseWaiting; // a list through HierarchyLinks::_releaseNext
+
+struct WaitingCopy
+{
+  ObjectRef self;
+  const HierarchyLinks* src;
+};
+thread_local int t_copyLevel = 0;
+thread_local bool t_copying = false;
+thread_local BaseArray<WaitingCopy> t_copyWaiting;
+
+HierarchyLinks& LinksOf(const ObjectRef& node)
+{
+  return QueryInterface<HierarchyObjectInterface>(node.GetPointer())->GetHierarchyLinks();
 }
+} // namespace
 
 HierarchyLinks::~HierarchyLinks()
 {
@@ -15,10 +38,29 @@ HierarchyLinks::~HierarchyLinks()
 
 void HierarchyLinks::DetachChildren()
 {
-  for (const ObjectRef& child : _children)
+  ++t_releaseLevel;
+  for (ObjectRef& child : _children)
     if (auto* node = QueryInterface<HierarchyObjectInterface>(child.GetPointer()))
+    {
       node->GetHierarchyLinks()._parent = nullptr;
+      if (t_releaseLevel > kNestedLevels)
+      {
+        node->GetHierarchyLinks()._releaseNext = std::move(t_releaseWaiting);
+        t_releaseWaiting = std::move(child);
+      }
+    }
   _children.Flush();
+  --t_releaseLevel;
+  if (t_releaseLevel > 0 || t_releasing)
+    return;
+  t_releasing = true;
+  while (t_releaseWaiting)
+  {
+    ObjectRef waiting = std::move(t_releaseWaiting);
+    t_releaseWaiting = std::move(LinksOf(waiting)._releaseNext);
+    waiting.Reset();
+  }
+  t_releasing = false;
 }
 
 Result<void> HierarchyLinks::InsertChildLast(ObjectInterface* self, const ObjectRef& child)
@@ -28,7 +70,11 @@ Result<void> HierarchyLinks::InsertChildLast(ObjectInterface* self, const Object
     return TELVO_ERROR(IllegalArgumentError, "Illegal argument: the child is not a hierarchy object");
   if (node->GetParent() != nullptr)
     return TELVO_ERROR(IllegalArgumentError, "Illegal argument: the child already has a parent");
-  for (ObjectInterface* ancestor = self; ancestor != nullptr;)
+  if (child.GetPointer() == self)
+    return TELVO_ERROR(IllegalArgumentError, "Illegal argument: the child is an ancestor of the parent");
+  // Only a node with children can be an ancestor of another: a tree built from the top down
+  // inserts leaves and never climbs.
+  for (ObjectInterface* ancestor = self; ancestor != nullptr && !node->GetChildren().IsEmpty();)
   {
     if (ancestor == child.GetPointer())
       return TELVO_ERROR(IllegalArgumentError, "Illegal argument: the child is an ancestor of the parent");
@@ -64,13 +110,40 @@ Result<void> HierarchyLinks::CloneChildrenFrom(ObjectInterface* self, const Hier
   if (&src == this)
     return OK();
   DetachChildren();
+  if (t_copyLevel >= kNestedLevels)
+    return t_copyWaiting.Append(WaitingCopy{ObjectRef(self), &src});
+  ++t_copyLevel;
+  Result<void> copied = CloneChildrenNow(self, src);
+  --t_copyLevel;
+  if (t_copyLevel > 0 || t_copying)
+    return copied;
+  // The outermost copy: the subtrees left waiting, deepest last, until none is left. Their
+  // sources stay alive: they are in the subtree this copy was asked for.
+  t_copying = true;
+  while (copied.IsOk() && !t_copyWaiting.IsEmpty())
+  {
+    WaitingCopy waiting = std::move(t_copyWaiting[t_copyWaiting.GetCount() - 1]);
+    t_copyWaiting.Erase(t_copyWaiting.GetCount() - 1);
+    t_copyLevel = 1;
+    copied = LinksOf(waiting.self).CloneChildrenNow(waiting.self.GetPointer(), *waiting.src);
+    t_copyLevel = 0;
+  }
+  t_copyWaiting.Flush();
+  t_copying = false;
+  return copied;
+}
+
+Result<void> HierarchyLinks::CloneChildrenNow(ObjectInterface* self, const HierarchyLinks& src)
+{
   TELVO_TRY(_children.EnsureCapacity(src._children.GetCount()));
   for (const ObjectRef& child : src._children)
   {
     Result<ObjectRef> clone = child->GetClass()->CloneInstance(*child);
     if (clone.IsError())
       return clone.GetError();
-    TELVO_TRY(InsertChildLast(self, clone.GetValue()));
+    // A fresh copy cannot be an ancestor of self: linked without the checks.
+    TELVO_TRY(_children.Append(clone.GetValue()));
+    LinksOf(clone.GetValue())._parent = self;
   }
   return OK();
 }

@@ -49,14 +49,19 @@ public:
 
   // Makes self's children clones of src's children, each with its whole subtree (a hierarchy
   // object is copied with everything below it; the copy has no parent). On failure the error is
-  // returned and self keeps the children cloned so far.
+  // returned and self keeps the children cloned so far. Far below the outermost copy, the
+  // children are filled in by that copy once the levels above are done, so that copying never
+  // recurses deeper than a fixed number of levels.
   Result<void> CloneChildrenFrom(ObjectInterface* self, const HierarchyLinks& src);
 
 private:
   void DetachChildren();
+  Result<void> CloneChildrenNow(ObjectInterface* self, const HierarchyLinks& src);
 
   ObjectInterface* _parent = nullptr;
   BaseArray<ObjectRef> _children;
+  // While the subtree is released: the next subtree whose release waits for the outermost one.
+  ObjectRef _releaseNext;
 };
 
 // What a visitor of WalkHierarchy answers for a node.
@@ -67,35 +72,6 @@ enum class WalkAnswer
   Stop,         // end the whole walk at once, without error
 };
 
-namespace hierarchy_detail
-{
-template <typename VISIT>
-Result<void> WalkChildren(const ObjectInterface* node, Int depth, VISIT& visit, Bool& stopped)
-{
-  // A node that is not a hierarchy object (or a null slot) has nothing below it.
-  const auto* links = QueryInterface<HierarchyObjectInterface>(node);
-  if (links == nullptr)
-    return OK();
-  for (const ObjectRef& child : links->GetChildren())
-  {
-    Result<WalkAnswer> answer = visit(static_cast<const ObjectInterface*>(child.GetPointer()), node, depth);
-    if (answer.IsError())
-      return answer.GetError();
-    if (answer.GetValue() == WalkAnswer::Stop)
-    {
-      stopped = true;
-      return OK();
-    }
-    if (answer.GetValue() == WalkAnswer::SkipChildren)
-      continue;
-    TELVO_TRY(WalkChildren(child.GetPointer(), depth + 1, visit, stopped));
-    if (stopped)
-      return OK();
-  }
-  return OK();
-}
-} // namespace hierarchy_detail
-
 // Depth-first pre-order walk of start's subtree: a node is visited before its children, children
 // in their stored order, a child's whole subtree before the next child. The walk never goes up.
 //
@@ -103,19 +79,70 @@ Result<void> WalkChildren(const ObjectInterface* node, Int depth, VISIT& visit, 
 // Result<WalkAnswer>; start is visited at depth 0 with its own parent (nullptr for a root). Nodes
 // are handed as plain objects, possibly nullptr: each caller views them through QueryInterface and
 // decides what a node of another class means to it. The first error ends the walk and is
-// returned; Stop ends it with success. Nothing is allocated: the recursion is as deep as the tree.
+// returned; Stop ends it with success.
+//
+// Nothing is allocated and nothing recurses, so that no depth of tree can exhaust the stack: the
+// walk climbs back through the parent links, and finds where it was among a node's children from
+// a fixed array for the first levels and by a search among the siblings below them.
 template <typename VISIT>
 Result<void> WalkHierarchy(const ObjectInterface* start, VISIT&& visit)
 {
-  const auto* links = QueryInterface<HierarchyObjectInterface>(start);
-  const ObjectInterface* parent = links != nullptr ? links->GetParent() : nullptr;
-  Result<WalkAnswer> answer = visit(start, parent, Int(0));
-  if (answer.IsError())
-    return answer.GetError();
-  if (answer.GetValue() != WalkAnswer::Continue)
+  const auto* startLinks = QueryInterface<HierarchyObjectInterface>(start);
+  const ObjectInterface* startParent = startLinks != nullptr ? startLinks->GetParent() : nullptr;
+  Result<WalkAnswer> startAnswer = visit(start, startParent, Int(0));
+  if (startAnswer.IsError())
+    return startAnswer.GetError();
+  if (startAnswer.GetValue() != WalkAnswer::Continue || startLinks == nullptr)
     return OK();
-  Bool stopped = false;
-  return hierarchy_detail::WalkChildren(start, 1, visit, stopped);
+
+  constexpr Int kRememberedLevels = 64;
+  Int nextOfLevel[kRememberedLevels];
+  const ObjectInterface* node = start; // whose children are being walked
+  const HierarchyObjectInterface* links = startLinks;
+  Int next = 0;  // the next child of node to visit
+  Int level = 0; // node's depth below start
+  for (;;)
+  {
+    const BaseArray<ObjectRef>& children = links->GetChildren();
+    if (next < children.GetCount())
+    {
+      const ObjectInterface* child = children[next].GetPointer();
+      ++next;
+      Result<WalkAnswer> answer = visit(child, node, level + 1);
+      if (answer.IsError())
+        return answer.GetError();
+      if (answer.GetValue() == WalkAnswer::Stop)
+        return OK();
+      // A child that is not a hierarchy object (or a null slot) has nothing below it.
+      const auto* childLinks = QueryInterface<HierarchyObjectInterface>(child);
+      if (answer.GetValue() == WalkAnswer::SkipChildren || childLinks == nullptr)
+        continue;
+      if (level < kRememberedLevels)
+        nextOfLevel[level] = next;
+      node = child;
+      links = childLinks;
+      next = 0;
+      ++level;
+      continue;
+    }
+    if (level == 0)
+      return OK();
+    // node's subtree is done: back to its parent, after node among the parent's children.
+    const ObjectInterface* parent = links->GetParent();
+    links = QueryInterface<HierarchyObjectInterface>(parent);
+    --level;
+    if (level < kRememberedLevels)
+      next = nextOfLevel[level];
+    else
+    {
+      const BaseArray<ObjectRef>& siblings = links->GetChildren();
+      next = 0;
+      while (next < siblings.GetCount() && siblings[next].GetPointer() != node)
+        ++next;
+      ++next;
+    }
+    node = parent;
+  }
 }
 
 } // namespace telvo

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <array>
+#include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "support/oom_sweep.h"
 #include "support/values.h"
@@ -128,6 +132,119 @@ TEST(HierarchyLinks, CloneCopiesTheWholeSubtreeWithoutTheParent)
       EXPECT_EQ(Walk(clone.GetValue().GetPointer()), "2@0<-1 4@1<2 7@2<4 5@1<2 ");
     });
   EXPECT_EQ(failures, 6); // four nodes and two child lists
+}
+
+StrongRef<HierarchyObjectInterface> NewNode(Int label)
+{
+  StrongRef<HierarchyObjectInterface> node(AsNode(kNodeClass.CreateInstance().GetValue().GetPointer()));
+  AsNode(node.GetPointer())->label = label;
+  return node;
+}
+
+// A chain 1, 2, ..., depth (each the only chain child of the one before) where every tenth
+// chain node also has a leaf (label depth + i), in front of the chain child or behind it by
+// turns. expected receives the pre-order walk as (label, depth, parent label) triples: the leaves
+// behind come last, the deepest first.
+StrongRef<HierarchyObjectInterface> Chain(Int depth, std::vector<std::array<Int, 3>>* expected)
+{
+  StrongRef<HierarchyObjectInterface> root = NewNode(1);
+  StrongRef<HierarchyObjectInterface> at = root;
+  std::vector<std::array<Int, 3>> behind;
+  if (expected != nullptr)
+    expected->push_back({1, 0, -1});
+  for (Int i = 1; i <= depth; ++i)
+  {
+    const bool leaf = i % 10 == 0;
+    const bool leafInFront = (i / 10) % 2 == 0;
+    StrongRef<HierarchyObjectInterface> next = i < depth ? NewNode(i + 1) : StrongRef<HierarchyObjectInterface>();
+    if (leaf && leafInFront)
+    {
+      EXPECT_TRUE(at->InsertChildLast(NewNode(depth + i)).IsOk());
+      if (expected != nullptr)
+        expected->push_back({depth + i, i, i});
+    }
+    if (next)
+    {
+      EXPECT_TRUE(at->InsertChildLast(next).IsOk());
+      if (expected != nullptr)
+        expected->push_back({i + 1, i, i});
+    }
+    if (leaf && !leafInFront)
+    {
+      EXPECT_TRUE(at->InsertChildLast(NewNode(depth + i)).IsOk());
+      behind.push_back({depth + i, i, i});
+    }
+    if (next)
+      at = next;
+  }
+  if (expected != nullptr)
+    expected->insert(expected->end(), behind.rbegin(), behind.rend());
+  return root;
+}
+
+std::vector<std::array<Int, 3>> WalkTriples(const ObjectInterface* start)
+{
+  std::vector<std::array<Int, 3>> visited;
+  EXPECT_TRUE(WalkHierarchy(start, [&](const ObjectInterface* node, const ObjectInterface* parent, Int depth) {
+                visited.push_back({LabelOf(node), depth, LabelOf(parent)});
+                return Result<WalkAnswer>(WalkAnswer::Continue);
+              }).IsOk());
+  return visited;
+}
+
+// Runs work on a thread with a small stack: recursion as deep as the tree would overflow it.
+void OnSmallStack(const std::function<void()>& work)
+{
+  pthread_attr_t attr;
+  ASSERT_EQ(pthread_attr_init(&attr), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attr, 1 << 20), 0);
+  pthread_t thread;
+  auto call = [](void* w) -> void* {
+    (*static_cast<const std::function<void()>*>(w))();
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attr, call, const_cast<std::function<void()>*>(&work)), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+}
+
+TEST(HierarchyLinks, TreesOfAnyDepthAreBuiltWalkedCopiedAndReleasedOnASmallStack)
+{
+  const Int live = Allocator::GetLiveCount();
+  OnSmallStack([] {
+    // Deep enough that a stack frame per level, at any size, ends the thread.
+    constexpr Int kDepth = 200000;
+    std::vector<std::array<Int, 3>> expected;
+    StrongRef<HierarchyObjectInterface> root = Chain(kDepth, &expected);
+    EXPECT_EQ(WalkTriples(root.GetPointer()), expected);
+    Result<ObjectRef> clone = kNodeClass.CloneInstance(*root);
+    ASSERT_TRUE(clone.IsOk());
+    EXPECT_EQ(WalkTriples(clone.GetValue().GetPointer()), expected);
+    // Releasing the original leaves the copy whole: it shares nothing.
+    root.Reset();
+    EXPECT_EQ(WalkTriples(clone.GetValue().GetPointer()), expected);
+  });
+  EXPECT_EQ(Allocator::GetLiveCount(), live);
+}
+
+TEST(HierarchyLinks, CopyOfADeepTreeFailsCleanlyWhereverMemoryRunsOut)
+{
+  // Deeper than the levels copied at once, so that failures hit the subtrees copied later too.
+  std::vector<std::array<Int, 3>> expected;
+  (void)Chain(150, &expected);
+  const int failures = kelvara_test::SweepAllocationFailures(
+    [] { return Chain(150, nullptr); }, [](auto& root) { return kNodeClass.CloneInstance(*root); },
+    [&](auto& root, const Result<ObjectRef>& clone, bool failed) {
+      ASSERT_EQ(clone.IsError(), failed);
+      ASSERT_TRUE(!failed || clone.GetError().IsClass(OutOfMemoryError));
+      EXPECT_EQ(WalkTriples(root.GetPointer()), expected);
+      if (!failed)
+      {
+        EXPECT_EQ(WalkTriples(clone.GetValue().GetPointer()), expected);
+      }
+    });
+  // Every node (165), every non-empty child list (150) and the list of subtrees left waiting.
+  EXPECT_EQ(failures, 165 + 150 + 1);
 }
 
 } // namespace

@@ -105,19 +105,29 @@ bool SameSkeleton(const Skeleton& a, const Skeleton& b, std::string* why)
   return true;
 }
 
-std::vector<std::string> JointPaths(const Skeleton& skeleton)
+std::vector<std::string> JointPathPieces(const Skeleton& skeleton)
 {
   const std::size_t n = skeleton.joints.size();
-  std::vector<std::string> paths(n);
+  std::vector<std::string> pieces(n);
   // Siblings seen so far per (parent, name): a later sibling of the same name gets "#k".
   std::map<std::pair<int, std::string_view>, int> seen;
   for (std::size_t i = 0; i < n; ++i)
   {
     const Joint& joint = skeleton.joints[i];
     const int same = seen[{joint.parent, joint.name}]++;
-    const std::string piece = same == 0 ? joint.name : joint.name + "#" + std::to_string(same + 1);
-    const bool hasParent = joint.parent >= 0 && static_cast<std::size_t>(joint.parent) < i;
-    paths[i] = hasParent ? paths[static_cast<std::size_t>(joint.parent)] + "/" + piece : piece;
+    pieces[i] = same == 0 ? joint.name : joint.name + "#" + std::to_string(same + 1);
+  }
+  return pieces;
+}
+
+std::vector<std::string> JointPaths(const Skeleton& skeleton)
+{
+  std::vector<std::string> paths = JointPathPieces(skeleton);
+  for (std::size_t i = 0; i < paths.size(); ++i)
+  {
+    const int parent = skeleton.joints[i].parent;
+    if (parent >= 0 && static_cast<std::size_t>(parent) < i)
+      paths[i] = paths[static_cast<std::size_t>(parent)] + "/" + paths[i];
   }
   return paths;
 }

@@ -63,6 +63,8 @@ bool SameSkeleton(const Skeleton& a, const Skeleton& b, std::string* why = nullp
 // "Hips/Spine/Neck" per joint; a sibling of an earlier sibling's name gets "#2", "#3", ...
 // appended. Linear in the joints and the depth.
 std::vector<std::string> JointPaths(const Skeleton& skeleton);
+// Each joint's own piece of its path ("Leg#2"): the paths without their quadratic size in a chain.
+std::vector<std::string> JointPathPieces(const Skeleton& skeleton);
 
 // Depth of each joint (0 for roots).
 std::vector<int> JointDepths(const Skeleton& skeleton);

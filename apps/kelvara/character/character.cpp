@@ -190,27 +190,70 @@ int Character::FindJoint(std::string_view name) const
   return skeleton->FindJoint(name);
 }
 
-telvo::Uuid::Bytes JointIdBytes(std::string_view role, std::string_view path)
+namespace
 {
-  // FNV-1a with the 128-bit prime and offset basis.
-  const unsigned __int128 prime = (static_cast<unsigned __int128>(1) << 88) + 0x13b;
-  unsigned __int128 h = (static_cast<unsigned __int128>(0x6c62272e07bb0142ULL) << 64) | 0x62b821756295c58dULL;
-  auto feed = [&](std::string_view text) {
+
+// FNV-1a with the 128-bit prime and offset basis, fed piece by piece.
+class IdHash
+{
+public:
+  void Feed(std::string_view text)
+  {
+    const unsigned __int128 prime = (static_cast<unsigned __int128>(1) << 88) + 0x13b;
     for (unsigned char ch : text)
     {
-      h ^= ch;
-      h *= prime;
+      _h ^= ch;
+      _h *= prime;
     }
-  };
-  feed(role);
-  feed(":");
-  feed(path);
-  telvo::Uuid::Bytes bytes{};
-  for (int i = 0; i < 16; ++i)
-    bytes[static_cast<std::size_t>(i)] = static_cast<telvo::Byte>(h >> (8 * (15 - i)));
-  bytes[6] = static_cast<telvo::Byte>((bytes[6] & 0x0f) | 0x80); // version 8: made by its owner's rule
-  bytes[8] = static_cast<telvo::Byte>((bytes[8] & 0x3f) | 0x80);
-  return bytes;
+  }
+
+  telvo::Uuid::Bytes Bytes() const
+  {
+    telvo::Uuid::Bytes bytes{};
+    for (int i = 0; i < 16; ++i)
+      bytes[static_cast<std::size_t>(i)] = static_cast<telvo::Byte>(_h >> (8 * (15 - i)));
+    bytes[6] = static_cast<telvo::Byte>((bytes[6] & 0x0f) | 0x80); // version 8: made by its owner's rule
+    bytes[8] = static_cast<telvo::Byte>((bytes[8] & 0x3f) | 0x80);
+    return bytes;
+  }
+
+private:
+  unsigned __int128 _h = (static_cast<unsigned __int128>(0x6c62272e07bb0142ULL) << 64) | 0x62b821756295c58dULL;
+};
+
+} // namespace
+
+telvo::Uuid::Bytes JointIdBytes(std::string_view role, std::string_view path)
+{
+  IdHash h;
+  h.Feed(role);
+  h.Feed(":");
+  h.Feed(path);
+  return h.Bytes();
+}
+
+std::vector<telvo::Uuid::Bytes> JointIdsBytes(std::string_view role, const Skeleton& skeleton)
+{
+  const std::vector<std::string> pieces = JointPathPieces(skeleton);
+  std::vector<IdHash> hashes(pieces.size());
+  std::vector<telvo::Uuid::Bytes> ids(pieces.size());
+  for (std::size_t i = 0; i < pieces.size(); ++i)
+  {
+    const int parent = skeleton.joints[i].parent;
+    if (parent >= 0 && static_cast<std::size_t>(parent) < i)
+    {
+      hashes[i] = hashes[static_cast<std::size_t>(parent)];
+      hashes[i].Feed("/");
+    }
+    else
+    {
+      hashes[i].Feed(role);
+      hashes[i].Feed(":");
+    }
+    hashes[i].Feed(pieces[i]);
+    ids[i] = hashes[i].Bytes();
+  }
+  return ids;
 }
 
 bool BuildCharacter(const Skeleton& skeleton, std::string_view role, Character& out, std::string& error)
@@ -228,7 +271,7 @@ bool BuildCharacter(const Skeleton& skeleton, std::string_view role, Character& 
   out.uuids.resize(n);
   out.nodes.resize(n);
   out.restGlobal = RestWorld(skeleton);
-  const std::vector<std::string> paths = JointPaths(skeleton);
+  const std::vector<telvo::Uuid::Bytes> ids = JointIdsBytes(role, skeleton);
   const Matrix scene = RigidSceneTransform(skeleton);
   std::vector<int> roots;
   telvo::BaseArray<telvo::CharacterNodeTransform> transforms;
@@ -237,7 +280,7 @@ bool BuildCharacter(const Skeleton& skeleton, std::string_view role, Character& 
   for (std::size_t i = 0; i < n; ++i)
   {
     const Joint& joint = skeleton.joints[i];
-    telvo::Result<telvo::Uuid> uuid = telvo::Uuid::Create(JointIdBytes(role, paths[i]));
+    telvo::Result<telvo::Uuid> uuid = telvo::Uuid::Create(ids[i]);
     if (!Check(uuid, "cannot make a node id", error))
       return false;
     out.uuids[i] = uuid.GetValue();

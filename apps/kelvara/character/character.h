@@ -63,6 +63,9 @@ struct Character
 // the ids of a source and a target read from the same file apart: the association's tables are
 // symmetric, so a shared id would pair a node with itself.
 telvo::Uuid::Bytes JointIdBytes(std::string_view role, std::string_view path);
+// JointIdBytes of every joint's path, in time linear in the joints whatever the depth: the hash
+// of a path goes on from its parent's.
+std::vector<telvo::Uuid::Bytes> JointIdsBytes(std::string_view role, const Skeleton& skeleton);
 // Builds the skeleton tree, the rest pose, an empty body-part tree of the template and the
 // definition. Needs the module loaded. false with a message on failure.
 bool BuildCharacter(const Skeleton& skeleton, std::string_view role, Character& out, std::string& error);

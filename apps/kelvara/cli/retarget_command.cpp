@@ -127,6 +127,10 @@ public:
     AddSkeletonRootOption(*c, _road.sourceSkeletonRoot, "--source-skeleton-root", "the source");
     AddAnimationOption(*c, _road.animation);
     c->add_option("--jobs", _jobs, "Clips retargeted at once (default: one per core)")->check(CLI::PositiveNumber);
+    c->add_option("--threads", _threads,
+                  "Threads that share one clip's frames (default: one per core; 1: the clip on one thread). The "
+                  "output is the same whatever the number")
+      ->check(CLI::PositiveNumber);
     c->add_option("--report", _reportPath,
                   "JSON report per clip: presets, joint pairs, unpaired joints, root scale, bone angles with and "
                   "without rest matching, ground contacts, and per foot sliding, height above the ground and knee "
@@ -179,6 +183,7 @@ private:
     run.outputPath = _out;
     run.describe = run.measure = !_reportPath.empty() || !_viewPath.empty();
     run.replaceAnimations = _replaceAnimations;
+    run.threads = _threads;
     Problem problem;
     if (!road.Setup(problem))
       return Report(problem);
@@ -237,6 +242,8 @@ private:
     settings.outDir = _out;
     const unsigned cores = std::thread::hardware_concurrency();
     settings.jobs = _jobs > 0 ? _jobs : static_cast<int>(cores > 0 ? cores : 1);
+    // The cores the clips at once leave over share each clip's frames.
+    settings.threads = _threads > 0 ? _threads : std::max(1, static_cast<int>(cores) / settings.jobs);
     settings.measure = !_reportPath.empty();
     settings.replaceAnimations = _replaceAnimations;
     settings.terminal = isatty(2) != 0;
@@ -275,6 +282,7 @@ private:
   std::string _viewPath;
   RoadOptions _road;
   int _jobs = 0;
+  int _threads = 0;
   bool _noRootMotion = false;
   bool _replaceAnimations = false;
   bool _timings = false;

@@ -72,13 +72,13 @@ bool WriteAnimationFile(const std::string& path, const AnimationFile& target, co
   if (animationName != nullptr)
     *animationName = clip.name;
   BvhFile file;
-  if (!ModelToBvh(target.skeleton, target.bvhLayout.get(), clip, file, error))
+  if (!ModelToBvh(target.skeleton, target.bvhLayout.get(), clip, file, error, request.threads))
   {
     error = "cannot write '" + path + "': " + error;
     return false;
   }
   file.path = path;
-  return WriteBvh(path, file, error);
+  return WriteBvh(path, file, error, request.threads);
 }
 
 std::string ReadableFormats()

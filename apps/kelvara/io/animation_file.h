@@ -50,6 +50,7 @@ struct WriteRequest
   bool replaceAnimations = false;
   // Per joint: whether the clip drives it (glTF writes channels for these only); empty: all.
   std::vector<bool> driven;
+  int threads = 1; // BVH: frames converted and written by up to this many (0: every core)
 };
 
 // Writes clip on target's skeleton to path, by its extension: .bvh (in the target's channel

@@ -110,6 +110,7 @@ int RetargetOne(Road& road, const BatchSettings& settings, SideWarningsOnce& war
   run.describe = true; // the side warnings come with the pairing's description
   run.measure = settings.measure;
   run.replaceAnimations = settings.replaceAnimations;
+  run.threads = settings.threads;
   const bool ok = RunClip(road, run);
   if (run.side != nullptr)
     warnings.Say(*run.side, run.clip);

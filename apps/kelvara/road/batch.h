@@ -20,6 +20,7 @@ struct BatchSettings
   std::string outDir;
   std::string extension = ".bvh"; // of the outputs: ".bvh", ".glb" or ".gltf"
   int jobs = 1;
+  int threads = 1; // per clip, its frames split over this many threads
   bool measure = false;   // fill each clip's report with the quality figures of the written files
   bool replaceAnimations = false; // glTF outputs: without the target's own animations
   bool terminal = false;  // progress as one updating line instead of a line per clip

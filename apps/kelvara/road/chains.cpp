@@ -60,7 +60,8 @@ std::vector<JointChain> FindChains(const Skeleton& skeleton, const std::vector<b
   return chains;
 }
 
-void SpreadChains(const std::vector<JointChain>& chains, const std::vector<telvo::Matrix>& rest, Clip& clip)
+void SpreadChains(const std::vector<JointChain>& chains, const std::vector<telvo::Matrix>& rest, Clip& clip,
+                  int first, int last)
 {
   const std::size_t n = static_cast<std::size_t>(clip.jointCount);
   for (const JointChain& chain : chains)
@@ -72,7 +73,7 @@ void SpreadChains(const std::vector<JointChain>& chains, const std::vector<telvo
       restFromTop.push_back(topRestInverse * FromMatrix(rest[At(j)]));
     const Quaternion endRestFromTop = topRestInverse * FromMatrix(rest[At(chain.end)]);
     const double share = 1.0 / static_cast<double>(chain.between.size() + 1);
-    for (int frame = 0; frame < clip.frameCount; ++frame)
+    for (int frame = first; frame < last; ++frame)
     {
       Quaternion* local = clip.rotations.data() + static_cast<std::size_t>(frame) * n;
       // The end's rotation relative to the top as the frame has it, and the turn beyond rest.

@@ -31,6 +31,8 @@ std::vector<JointChain> FindChains(const Skeleton& skeleton, const std::vector<b
 // rotation from top to end beyond the one it has in rest (global rest matrices per joint); each of
 // the n joints from the first in between to the end takes the n-th root of it, about one axis in
 // the top's frame. The end's world rotation, and every joint outside the chains, stay as they are.
-void SpreadChains(const std::vector<JointChain>& chains, const std::vector<telvo::Matrix>& rest, Clip& clip);
+// Frames [first, last) only; each frame stands alone, so threads may spread their own frames.
+void SpreadChains(const std::vector<JointChain>& chains, const std::vector<telvo::Matrix>& rest, Clip& clip,
+                  int first, int last);
 
 } // namespace kelvara

@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "road/frame_threads.h"
+
 namespace kelvara
 {
 
@@ -48,11 +50,8 @@ bool RunClip(Road& road, ClipRun& run)
   }
   run.side = &side;
   std::string error;
-  {
-    ClipRetarget retarget;
-    if (!retarget.Setup(side.prepared, error) || !retarget.Run(run.source.clip, run.output, error))
-      return run.problem.Set(false, error);
-  }
+  if (!RetargetFrames(side.prepared, run.source.clip, run.threads, run.output, error))
+    return run.problem.Set(false, error);
   const bool plant = side.prepared.plantFeet;
   FeetPlan feet;
   if (plant || run.describe || run.measure)
@@ -103,6 +102,7 @@ bool RunClip(Road& road, ClipRun& run)
   WriteRequest write;
   write.driven = DrivenJoints(side.prepared);
   write.replaceAnimations = run.replaceAnimations;
+  write.threads = run.threads;
   if (!WriteAnimationFile(run.outputPath, road.Target(), run.output, write, error, &run.writtenAnimation))
     return run.problem.Set(false, error);
   run.writeSeconds = SecondsSince(start);

@@ -23,6 +23,7 @@ struct ClipRun
   bool measure = false;   // and measure the output as written, with and without rest matching
   bool otherRest = false; // also run with the other choice of target rest (into otherRestOutput)
   bool replaceAnimations = false; // glTF outputs: without the target's own animations
+  int threads = 1; // the frames split over this many threads (0: every core); the output is the same
 
   // Outputs.
   AnimationFile source;

@@ -249,6 +249,44 @@ bool PreparedRetarget::Prepare(std::string& error)
 
 bool ClipRetarget::Run(const Clip& clip, Clip& output, std::string& error)
 {
+  return Begin(clip, output, error) && RunFrames(clip, 0, clip.frameCount, output, error);
+}
+
+bool ClipRetarget::Begin(const Clip& clip, Clip& output, std::string& error) const
+{
+  if (_prepared == nullptr)
+  {
+    error = "the clip retarget was not set up";
+    return false;
+  }
+  const Skeleton& sf = *_prepared->source->skeleton;
+  const Skeleton& tf = *_prepared->target->skeleton;
+  if (clip.jointCount != static_cast<int>(sf.joints.size()) ||
+      clip.rotations.size() != static_cast<std::size_t>(clip.frameCount) * sf.joints.size() ||
+      clip.rootTranslation.size() != static_cast<std::size_t>(clip.frameCount))
+  {
+    error = (clip.name.empty() ? sf.path : clip.name) + ": the clip's skeleton is not the prepared source's";
+    return false;
+  }
+  const std::size_t tn = tf.joints.size();
+  const std::vector<Matrix>& rest = _prepared->targetRest.empty() ? _prepared->target->restGlobal : _prepared->targetRest;
+  if (rest.size() != tn)
+  {
+    error = "the target rest has " + std::to_string(rest.size()) + " matrices for " + std::to_string(tn) + " joints";
+    return false;
+  }
+  output = Clip();
+  output.name = clip.name;
+  output.frameCount = clip.frameCount;
+  output.frameTime = clip.frameTime;
+  output.jointCount = static_cast<int>(tn);
+  output.rotations.resize(static_cast<std::size_t>(clip.frameCount) * tn);
+  output.rootTranslation.resize(static_cast<std::size_t>(clip.frameCount));
+  return true;
+}
+
+bool ClipRetarget::RunFrames(const Clip& clip, int first, int last, Clip& output, std::string& error)
+{
   if (_prepared == nullptr)
   {
     error = "the clip retarget was not set up";
@@ -258,21 +296,13 @@ bool ClipRetarget::Run(const Clip& clip, Clip& output, std::string& error)
   const Character& target = *_prepared->target;
   const Skeleton& sf = *source.skeleton;
   const Skeleton& tf = *target.skeleton;
-  if (clip.jointCount != static_cast<int>(sf.joints.size()) ||
-      clip.rotations.size() != static_cast<std::size_t>(clip.frameCount) * sf.joints.size() ||
-      clip.rootTranslation.size() != static_cast<std::size_t>(clip.frameCount))
+  const std::size_t tn = tf.joints.size();
+  if (first < 0 || first > last || last > clip.frameCount || output.frameCount != clip.frameCount ||
+      output.rotations.size() != static_cast<std::size_t>(clip.frameCount) * tn)
   {
-    error = (clip.name.empty() ? sf.path : clip.name) + ": the clip's skeleton is not the prepared source's";
+    error = "frames " + std::to_string(first) + " to " + std::to_string(last) + " do not fit the clip or the output";
     return false;
   }
-  const std::size_t tn = tf.joints.size();
-  output = Clip();
-  output.name = clip.name;
-  output.frameCount = clip.frameCount;
-  output.frameTime = clip.frameTime;
-  output.jointCount = static_cast<int>(tn);
-  output.rotations.resize(static_cast<std::size_t>(clip.frameCount) * tn);
-  output.rootTranslation.resize(static_cast<std::size_t>(clip.frameCount));
   const telvo::CharacterSolverConfiguration& configuration = _prepared->Configuration();
   const telvo::CharacterAssociation& association = _prepared->Association();
   const double appliedRootScale = _prepared->appliedRootScale;
@@ -283,12 +313,7 @@ bool ClipRetarget::Run(const Clip& clip, Clip& output, std::string& error)
   const Matrix targetScene = RigidSceneTransform(tf);
   const Matrix targetSceneInverse = telvo::Inverse(tf.sceneTransform);
   const std::vector<Matrix>& rest = _prepared->targetRest.empty() ? target.restGlobal : _prepared->targetRest;
-  if (rest.size() != tn)
-  {
-    error = "the target rest has " + std::to_string(rest.size()) + " matrices for " + std::to_string(tn) + " joints";
-    return false;
-  }
-  for (int frame = 0; frame < clip.frameCount; ++frame)
+  for (int frame = first; frame < last; ++frame)
   {
     // The current source pose: animated global matrices; the parent globals stay at rest, so
     // that each delta is the joint's whole global rotation change G(frame) * G(rest)^-1.
@@ -353,7 +378,7 @@ bool ClipRetarget::Run(const Clip& clip, Clip& output, std::string& error)
   // Nothing of the last frame stays referenced beyond the job's own objects.
   for (telvo::CharacterNodeTransform& d : _deltaOfTarget)
     d.Reset();
-  SpreadChains(_prepared->chains, rest, output);
+  SpreadChains(_prepared->chains, rest, output, first, last);
   return true;
 }
 

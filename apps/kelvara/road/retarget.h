@@ -73,6 +73,12 @@ public:
   // root's translation; joints between mapped ones take their share of the chain's bend.
   // clip must fit the prepared source's skeleton.
   bool Run(const Clip& clip, Clip& output, std::string& error);
+  // Checks clip against the prepared source and sizes output for all its frames, without
+  // running any: then RunFrames, on one ClipRetarget per thread, each its own frames.
+  bool Begin(const Clip& clip, Clip& output, std::string& error) const;
+  // Frames [first, last) of clip into output (sized by Begin). Each frame is computed from the
+  // clip alone: the frames may be run in any order and split in any way.
+  bool RunFrames(const Clip& clip, int first, int last, Clip& output, std::string& error);
 
 private:
   const PreparedRetarget* _prepared = nullptr;

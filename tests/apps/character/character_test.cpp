@@ -135,6 +135,34 @@ TEST_F(CharacterTest, NodeIdsFollowThePathAndTheRoleAndRestPosesAccumulateOffset
   }
 }
 
+// Ids are hashed on from the parent's, so that a chain of thousands of joints costs no more per
+// joint than a short one: each must be the id of the joint's whole path all the same.
+TEST(CharacterIds, EachJointsIdIsThatOfItsWholePath)
+{
+  Skeleton s = MakeSkeleton("Root Arm Arm Root Hand Other Arm", {{-1, {0, 0, 0}},
+                                                               {0, {0, 1, 0}},
+                                                               {0, {0, 1, 0}},
+                                                               {2, {0, 1, 0}},
+                                                               {3, {0, 1, 0}},
+                                                               {-1, {0, 0, 0}},
+                                                               {5, {0, 1, 0}}});
+  for (int i = 0; i < 300; ++i)
+  {
+    Joint& link = s.joints.emplace_back();
+    link.name = "Link";
+    link.parent = static_cast<int>(s.joints.size()) - 2;
+  }
+  const std::vector<std::string> paths = JointPaths(s);
+  ASSERT_EQ(paths[6], "Other/Arm");
+  for (const char* role : {"source", "target"})
+  {
+    const std::vector<telvo::Uuid::Bytes> ids = JointIdsBytes(role, s);
+    ASSERT_EQ(ids.size(), s.joints.size());
+    for (std::size_t j = 0; j < ids.size(); ++j)
+      EXPECT_EQ(ids[j], JointIdBytes(role, paths[j])) << role << " " << paths[j];
+  }
+}
+
 TEST_F(CharacterTest, PresetsFillTheirFamiliesAndAJointFillsOnePart)
 {
   for (const auto& [names, preset] : {std::pair{kStudioNames, "studio"}, std::pair{kGenericNames, "generic"}})

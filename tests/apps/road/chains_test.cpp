@@ -89,7 +89,7 @@ TEST(Chains, FiveJointsAgainstTwoShareTheBendAndTheEndKeepsItsWorldRotation)
   const Quaternion top = AxisAngle({0, 1, 0}, 0.3);
   Clip clip = Frame(straight, top, AxisAngle({0, 0, 1}, M_PI / 3.0));
   const std::vector<Quat> before = WorldRotations(straight, clip);
-  SpreadChains(chains, RestWorld(straight), clip);
+  SpreadChains(chains, RestWorld(straight), clip, 0, clip.frameCount);
   const std::vector<Quat> after = WorldRotations(straight, clip);
   EXPECT_LT(Diff(before[5], after[5]), 1e-9);
   EXPECT_LT(Diff(before[6], after[6]), 1e-9);
@@ -114,7 +114,7 @@ TEST(Chains, ARestThatIsBentStaysTheStartingPoint)
   const std::vector<JointChain> chains = FindChains(curled, kMapped);
   Clip still = Frame(curled, Quaternion(), rest[5]);
   const Clip unchanged = still;
-  SpreadChains(chains, RestWorld(curled), still);
+  SpreadChains(chains, RestWorld(curled), still, 0, still.frameCount);
   for (std::size_t j = 0; j < 7; ++j)
     EXPECT_LT(Diff(ToQuat(still.rotations[j]), ToQuat(unchanged.rotations[j])), 1e-9) << j;
 
@@ -122,7 +122,7 @@ TEST(Chains, ARestThatIsBentStaysTheStartingPoint)
   const Quaternion endLocal = AxisAngle({0, 0, 1}, 40.0 * M_PI / 180.0) * rest[5];
   Clip bent = Frame(curled, Quaternion(), endLocal);
   const std::vector<Quat> before = WorldRotations(curled, bent);
-  SpreadChains(chains, RestWorld(curled), bent);
+  SpreadChains(chains, RestWorld(curled), bent, 0, bent.frameCount);
   const std::vector<Quat> after = WorldRotations(curled, bent);
   EXPECT_LT(Diff(before[5], after[5]), 1e-9);
   // Each joint's world rotation is its rest one turned by a growing share of the bend.

@@ -2,6 +2,7 @@
 
 #include "io/atomic_file.h"
 #include "io/read_file.h"
+#include "io/shares.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -539,32 +540,23 @@ private:
   }
 };
 
-// Output buffer written through raw pointers: one capacity check per number instead of a
-// std::string append per character.
+// Output text appended to a string whose room grows ahead of it: room reserved and not yet
+// written is never touched, so that memory holds what was written and no more (a resize would
+// fill the whole room first).
 class Writer
 {
 public:
   explicit Writer(std::string& s) : s_(s) { s_.clear(); }
-  ~Writer() { s_.resize(used_); }
 
   void Reserve(std::size_t extra)
   {
-    if (used_ + extra > s_.size())
-      s_.resize(std::max(s_.size() * 2, used_ + extra));
+    if (s_.size() + extra > s_.capacity())
+      s_.reserve(std::max(s_.capacity() * 2, s_.size() + extra));
   }
 
-  void Put(std::string_view text)
-  {
-    Reserve(text.size());
-    std::memcpy(s_.data() + used_, text.data(), text.size());
-    used_ += text.size();
-  }
+  void Put(std::string_view text) { s_.append(text); }
 
-  void Put(char c)
-  {
-    Reserve(1);
-    s_[used_++] = c;
-  }
+  void Put(char c) { s_.push_back(c); }
 
   void Tabs(int n)
   {
@@ -576,36 +568,29 @@ public:
   // (other readers of this format rarely accept exponents), exponent form only for extremes.
   void Number(double v)
   {
-    Reserve(64);
-    char* b = s_.data() + used_;
     const double a = std::fabs(v);
     if (a == 0.0)
     {
-      used_ += std::signbit(v) ? Put2(b, "-0") : Put2(b, "0");
+      Put(std::signbit(v) ? "-0" : "0");
       return;
     }
+    char b[64];
     const bool plain = a >= 1e-6 && a < 1e15;
-    if (plain && FewDecimals(b, v))
-      return;
-    auto r = plain ? std::to_chars(b, b + 64, v, std::chars_format::fixed) : std::to_chars(b, b + 64, v);
-    used_ += static_cast<std::size_t>(r.ptr - b);
+    char* end = plain ? FewDecimals(b, v) : nullptr;
+    if (end == nullptr)
+      end = (plain ? std::to_chars(b, b + 64, v, std::chars_format::fixed) : std::to_chars(b, b + 64, v)).ptr;
+    s_.append(b, static_cast<std::size_t>(end - b));
   }
 
 private:
   std::string& s_;
-  std::size_t used_ = 0;
-
-  static std::size_t Put2(char* b, std::string_view text)
-  {
-    std::memcpy(b, text.data(), text.size());
-    return text.size();
-  }
 
   // Captured data mostly has a few decimals, and the library's shortest conversion costs about
   // 100 ns a number. If n / 10^d reads back as v for a small d, "n with d decimals" is a
   // round-trip text: n and 10^d are exact doubles, so the division rounds exactly as parsing the
   // decimal does. Trying d upwards finds the shortest such text in practice.
-  bool FewDecimals(char* b, double v)
+  // The end of the text in b, or nullptr when no short form was found.
+  static char* FewDecimals(char* b, double v)
   {
     static constexpr double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
     static constexpr std::uint64_t kIntPow10[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000,
@@ -617,13 +602,13 @@ private:
     {
       const double n = std::nearbyint(v * kPow10[9]);
       if (n / kPow10[9] != v)
-        return false;
+        return nullptr;
     }
     for (int d = 0; d < 10; ++d)
     {
       const double scaled = v * kPow10[d];
       if (std::fabs(scaled) >= 9e15) // beyond exact integers
-        return false;
+        return nullptr;
       const double n = std::nearbyint(scaled);
       if (n / kPow10[d] != v)
         continue;
@@ -649,12 +634,30 @@ private:
         }
         p += digits;
       }
-      used_ += static_cast<std::size_t>(p - b);
-      return true;
+      return p;
     }
-    return false;
+    return nullptr;
   }
 };
+
+// Fewer rows than this are not worth a thread.
+constexpr int kRowsPerShare = 256;
+
+void WriteRows(Writer& w, const BvhFile& file, int first, int last)
+{
+  const std::size_t row = static_cast<std::size_t>(file.channelCount);
+  const double* v = file.motion.data() + static_cast<std::size_t>(first) * row;
+  for (int f = first; f < last; ++f)
+  {
+    for (std::size_t c = 0; c < row; ++c)
+    {
+      if (c != 0)
+        w.Put(' ');
+      w.Number(*v++);
+    }
+    w.Put('\n');
+  }
+}
 
 void WriteVector(Writer& w, const telvo::Vector& v)
 {
@@ -777,12 +780,14 @@ bool ValidateBvh(const BvhFile& file, std::string& error)
   return true;
 }
 
-bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error)
+bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error, int threads)
 {
   if (!ValidateBvh(file, error))
     return false;
   Writer w(text);
-  w.Reserve(file.joints.size() * 160 + file.motion.size() * 10 + 256);
+  // Room for the longest numbers (about 24 characters with their separator): the text never
+  // moves while it grows, and the room the usual shorter ones leave is never touched.
+  w.Reserve(file.joints.size() * 160 + file.motion.size() * 25 + 256);
   w.Put("HIERARCHY\n");
   std::vector<int> open; // joints whose braces are open
   auto closeUntil = [&](int parent) {
@@ -838,25 +843,32 @@ bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error
   w.Put("\nFrame Time: ");
   w.Number(file.frameTime);
   w.Put('\n');
-  const std::size_t row = static_cast<std::size_t>(file.channelCount);
-  const double* v = file.motion.data();
-  for (int f = 0; f < file.frameCount; ++f)
-  {
-    for (std::size_t c = 0; c < row; ++c)
+  // Rows are written apart from one another: shares of them on threads of their own, each into
+  // a text of its own but the first, which goes on in place.
+  const int shares = ShareCount(file.frameCount, threads, kRowsPerShare);
+  std::vector<std::string> shareTexts(static_cast<std::size_t>(shares - 1));
+  RunShares(file.frameCount, shares, [&](int share, int first, int last) {
+    if (share == 0)
+      WriteRows(w, file, first, last);
+    else
     {
-      if (c != 0)
-        w.Put(' ');
-      w.Number(*v++);
+      Writer own(shareTexts[static_cast<std::size_t>(share - 1)]);
+      own.Reserve(static_cast<std::size_t>(last - first) * static_cast<std::size_t>(file.channelCount) * 25);
+      WriteRows(own, file, first, last);
     }
-    w.Put('\n');
+  });
+  for (std::string& shareText : shareTexts)
+  {
+    w.Put(shareText);
+    std::string().swap(shareText);
   }
   return true;
 }
 
-bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error)
+bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error, int threads)
 {
   std::string text;
-  if (!WriteBvhToString(file, text, error))
+  if (!WriteBvhToString(file, text, error, threads))
   {
     error = "cannot write '" + path + "': " + error;
     return false;

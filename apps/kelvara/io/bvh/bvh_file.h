@@ -86,10 +86,11 @@ bool ReadBvhFromBuffer(std::string_view text, const std::string& displayName, Bv
 // frameCount * channelCount, finite numbers. Returns false with a message otherwise.
 bool ValidateBvh(const BvhFile& file, std::string& error);
 
-// Writes the text form into text (replacing its content).
-bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error);
+// Writes the text form into text (replacing its content). The motion rows may be written by up to
+// threads threads (0: every core); the text is the same whatever their number.
+bool WriteBvhToString(const BvhFile& file, std::string& text, std::string& error, int threads = 1);
 // Writes path atomically: a temporary file beside it is written, synced and renamed over path.
 // On failure nothing is left behind and any existing file at path is untouched.
-bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error);
+bool WriteBvh(const std::string& path, const BvhFile& file, std::string& error, int threads = 1);
 
 } // namespace kelvara

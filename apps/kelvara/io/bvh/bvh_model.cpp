@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 #include "io/bvh/euler.h"
+#include "io/shares.h"
 
 namespace kelvara
 {
@@ -136,7 +138,14 @@ BvhLayout DefaultBvhLayout(const Skeleton& skeleton, bool moving)
   return layout;
 }
 
-bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& clip, BvhFile& out, std::string& error)
+namespace
+{
+// Fewer frames than this are not worth a thread.
+constexpr int kFramesPerShare = 256;
+} // namespace
+
+bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& clip, BvhFile& out, std::string& error,
+                int threads)
 {
   const std::size_t n = skeleton.joints.size();
   const BvhLayout layout = given != nullptr ? *given : DefaultBvhLayout(skeleton, !clip.translations.empty());
@@ -188,10 +197,9 @@ bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& cl
   }
   out.channelCount = channelTotal;
   out.motion.assign(static_cast<std::size_t>(clip.frameCount) * static_cast<std::size_t>(channelTotal), 0.0);
-  for (int f = 0; f < clip.frameCount; ++f)
-  {
-    double* row = out.motion.data() + static_cast<std::size_t>(f) * static_cast<std::size_t>(channelTotal);
-    const double* previous = f > 0 ? row - channelTotal : nullptr;
+  // One frame's row from its rotations; the angles stay near those of previous (the frame
+  // before's row) when given.
+  auto convert = [&](int f, const double* previous, double* row) {
     const Quaternion* rotations = clip.FrameRotations(f);
     for (std::size_t j = 0; j < n; ++j)
     {
@@ -210,6 +218,28 @@ bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& cl
       for (std::size_t c = 0; c < bj.channels.size(); ++c)
         if (!IsRotation(bj.channels[c]))
           values[c] = Component(moved, ChannelAxis(bj.channels[c]));
+    }
+  };
+  const std::size_t width = static_cast<std::size_t>(channelTotal);
+  auto rowOf = [&](int f) { return out.motion.data() + static_cast<std::size_t>(f) * width; };
+  // Shares of the frames on threads of their own, each share's first frame converted as if it
+  // began the clip; then, share after share, the frames after each seam again from the frame
+  // before, until one comes out as it was: from there on every frame is what one pass over the
+  // whole clip makes of it, since a frame depends on the one before alone.
+  const int shares = ShareCount(clip.frameCount, threads, kFramesPerShare);
+  RunShares(clip.frameCount, shares, [&](int, int first, int last) {
+    for (int f = first; f < last; ++f)
+      convert(f, f > first ? rowOf(f - 1) : nullptr, rowOf(f));
+  });
+  for (int share = 1; share < shares; ++share)
+  {
+    std::vector<double> again(width);
+    for (int f = static_cast<int>(static_cast<long>(clip.frameCount) * share / shares); f < clip.frameCount; ++f)
+    {
+      convert(f, rowOf(f - 1), again.data());
+      if (std::memcmp(again.data(), rowOf(f), width * sizeof(double)) == 0)
+        break;
+      std::copy(again.begin(), again.end(), rowOf(f));
     }
   }
   return true;

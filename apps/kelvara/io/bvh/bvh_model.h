@@ -40,8 +40,9 @@ BvhLayout DefaultBvhLayout(const Skeleton& skeleton, bool moving);
 // scale or scene, so those are folded into the offsets and rotations: every joint's world
 // position and rotation at every frame is the model's. Angles follow on from one frame to the
 // next (no 360-degree jumps). Names that BVH cannot hold (blanks, keywords, none) are made into
-// single words. False with a message when the layout or clip does not fit the skeleton.
+// single words. False with a message when the layout or clip does not fit the skeleton. Up to
+// threads threads (0: every core) share the frames; the angles are the same whatever their number.
 bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* layout, const Clip& clip, BvhFile& out,
-                std::string& error);
+                std::string& error, int threads = 1);
 
 } // namespace kelvara

@@ -19,7 +19,15 @@ Result<void> CharacterNodeInfoPart::SetUuid(const Uuid& uuid)
   if (_objectId.IsSameObject(incoming))
     return OK();
   _objectId = incoming;
+  if (_indexedById.load(std::memory_order_acquire))
+    IndexedIdChanges().fetch_add(1, std::memory_order_acq_rel);
   return OK();
+}
+
+std::atomic<UInt>& IndexedIdChanges()
+{
+  static std::atomic<UInt> changes{0};
+  return changes;
 }
 
 Result<void> CharacterNodeInfoPart::SetName(const String& name)

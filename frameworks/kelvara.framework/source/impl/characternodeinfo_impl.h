@@ -3,6 +3,8 @@
 // forward to this one implementation. Private to the module.
 #pragma once
 
+#include <atomic>
+
 #include "impl/kelvara_module.h"
 #include "telvo/characternodeinfo.h"
 
@@ -28,7 +30,13 @@ public:
 
   Uuid _objectId;
   String _objectName;
+  // Set once a pose has indexed this object by its id: from then on a change of id makes every
+  // pose's index stale (IndexedIdChanges), and lookups scan again.
+  mutable std::atomic<Bool> _indexedById{false};
 };
+
+// How many times the id of an object some pose had indexed has changed in this process.
+std::atomic<UInt>& IndexedIdChanges();
 
 template <typename INTERFACE>
 class CharacterNodeInfoComponent : public INTERFACE, public CharacterNodeInfoPart

@@ -198,3 +198,51 @@ TEST(BvhModel, RigIsWrittenWhereItStandsUnderNamesBvhCanHold)
 
 } // namespace
 } // namespace kelvara
+
+namespace kelvara
+{
+namespace
+{
+
+// Frames converted by several threads, each share's first frame without the one before it: the
+// seams must come out as one pass over the clip makes them, also where the angles have wound up
+// past a whole turn (a share begun afresh would start again near zero) and through gimbal lock.
+TEST(BvhModel, AnglesAreTheSameWhateverTheThreadsThatShareTheFrames)
+{
+  Skeleton s;
+  s.path = "spin.bvh";
+  s.joints.push_back({"Hips", -1, {0, 1, 0}, {}, {1, 1, 1}, false, {}});
+  s.joints.push_back({"Spine", 0, {0, 1, 0}, {}, {1, 1, 1}, false, {}});
+  s.joints.push_back({"Arm", 1, {1, 0, 0}, {}, {1, 1, 1}, true, {1, 0, 0}});
+  std::mt19937_64 rng(19);
+  Clip clip{"spin", 3000, 1.0 / 120, 3, {}, {}, {}};
+  for (int f = 0; f < clip.frameCount; ++f)
+  {
+    // The hips keep turning (many whole turns), the spine nods through 90 degrees, the arm wobbles.
+    clip.rotations.push_back(AxisAngle({0, 1, 0}, 0.05 * f));
+    clip.rotations.push_back(AxisAngle({1, 0, 0}, 1.7 * std::sin(0.01 * f)));
+    clip.rotations.push_back(RandomRotation(rng));
+    clip.rootTranslation.push_back({0.01 * f, 1, 0});
+  }
+  std::string error;
+  BvhFile one;
+  ASSERT_TRUE(ModelToBvh(s, nullptr, clip, one, error, 1)) << error;
+  double widest = 0.0;
+  for (double v : one.motion)
+    widest = std::max(widest, std::fabs(v));
+  ASSERT_GT(widest, 3600.0) << "the hips' angle winds up over many turns";
+  std::string oneText;
+  ASSERT_TRUE(WriteBvhToString(one, oneText, error, 1)) << error;
+  for (int threads : {2, 3, 8})
+  {
+    BvhFile many;
+    ASSERT_TRUE(ModelToBvh(s, nullptr, clip, many, error, threads)) << error;
+    EXPECT_TRUE(many.motion == one.motion) << threads << " threads";
+    std::string manyText;
+    ASSERT_TRUE(WriteBvhToString(one, manyText, error, threads)) << error;
+    EXPECT_TRUE(manyText == oneText) << threads << " threads";
+  }
+}
+
+} // namespace
+} // namespace kelvara
