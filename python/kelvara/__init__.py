@@ -116,7 +116,7 @@ def _with_map(options: dict, joint_map: Union[None, PathLike, Mapping[str, str]]
 
 def retarget(clip: Clip, source: Character, target: Character, *,
              joint_map: Union[None, PathLike, Mapping[str, str]] = None, measure: bool = False,
-             **options: Any) -> Tuple[Clip, dict]:
+             threads: int = 0, **options: Any) -> Tuple[Clip, dict]:
     """Carries clip, a motion of source's skeleton, onto target; returns the target's clip and a
     report.
 
@@ -132,28 +132,31 @@ def retarget(clip: Clip, source: Character, target: Character, *,
 
     The clip may come from a file or from arrays (kelvara.Clip(rotations, root_translation,
     frame_time)); one that does not fit source's skeleton is an ArrayError. The GIL is released
-    while the clip is solved."""
+    while the clip is solved; its frames are split over ``threads`` threads (0, as ``--threads``
+    by default: every core), the result the same to the byte on any number."""
     named = CHARACTER_OPTIONS.intersection(options)
     if named:
         raise TypeError(f"retarget() takes {', '.join(sorted(named))} from its characters (load_character), "
                         "not as options")
-    return _kelvara.retarget(clip, source, target, road_options(**_with_map(options, joint_map)), measure)
+    return _kelvara.retarget(clip, source, target, road_options(**_with_map(options, joint_map)), measure, threads)
 
 
 def retarget_file(source: PathLike, output: PathLike, target: PathLike, *,
                   joint_map: Union[None, PathLike, Mapping[str, str]] = None, preset: Optional[str] = None,
-                  replace_animations: bool = False, measure: bool = True, **options: Any) -> dict:
+                  replace_animations: bool = False, measure: bool = True, threads: int = 0,
+                  **options: Any) -> dict:
     """``kelvara retarget SOURCE --target TARGET -o OUTPUT`` in this process: the same reading,
     options, defaults and bytes written (atomically: a temporary file renamed over output).
     Takes every option of the command (option_names()); ``preset`` stands for both presets as
     ``--preset`` does. The target is read and built once per set of options and kept for later
-    calls in this process. Returns the clip's report as a dict; raises InputError or Error (and
-    writes nothing) on failure."""
+    calls in this process. ``threads`` is ``--threads`` (0: every core). Returns the clip's report
+    as a dict; raises InputError or Error (and writes nothing) on failure."""
     if preset:
         options.setdefault("source_preset", preset)
         options.setdefault("target_preset", preset)
     settings = road_options(target=os.fspath(target), **_with_map(options, joint_map))
-    return _kelvara.retarget_file(os.fspath(source), os.fspath(output), settings, replace_animations, measure)
+    return _kelvara.retarget_file(os.fspath(source), os.fspath(output), settings, replace_animations, measure,
+                                  threads)
 
 
 def _save(self: Clip, path: PathLike, character: Character, *, replace_animations: bool = False,

@@ -354,7 +354,7 @@ py::object ReportObject(const ClipReport& report, double seconds)
 
 // One clip in memory onto target: the road's source side is the source character's skeleton.
 py::tuple Retarget(const ClipData& clip, const CharacterData& source, CharacterData& target, RoadOptions options,
-                   bool measure)
+                   bool measure, int threads)
 {
   options.sourcePreset = source.preset;
   options.sourceCharacterPath = source.saved ? source.path : "";
@@ -368,6 +368,7 @@ py::tuple Retarget(const ClipData& clip, const CharacterData& source, CharacterD
   run.source.hasClip = true;
   run.describe = true;
   run.measure = measure;
+  run.threads = threads;
   bool ok = false;
   {
     py::gil_scoped_release release;
@@ -394,7 +395,7 @@ std::shared_ptr<Road> FileRoad(const RoadOptions& options, Problem& problem)
 // One file onto options.targetPath, written to output exactly as `kelvara retarget SOURCE
 // --target ... -o OUTPUT` writes it.
 py::object RetargetFile(const std::string& source, const std::string& output, const RoadOptions& options,
-                        bool replaceAnimations, bool measure)
+                        bool replaceAnimations, bool measure, int threads)
 {
   std::string error;
   if (!CheckWritablePath(output, error))
@@ -404,6 +405,7 @@ py::object RetargetFile(const std::string& source, const std::string& output, co
   run.outputPath = output;
   run.describe = run.measure = measure;
   run.replaceAnimations = replaceAnimations;
+  run.threads = threads;
   bool ok = false;
   {
     py::gil_scoped_release release;
@@ -630,9 +632,9 @@ PYBIND11_MODULE(_kelvara, m)
   m.def("load_character", &LoadCharacter, py::arg("path"), py::arg("preset") = "", py::arg("skeleton_root") = "");
   m.def("load_clip", &LoadClip, py::arg("path"), py::arg("animation") = "", py::arg("skeleton_root") = "");
   m.def("retarget", &Retarget, py::arg("clip"), py::arg("source"), py::arg("target"), py::arg("options"),
-        py::arg("measure") = false);
+        py::arg("measure") = false, py::arg("threads") = 0);
   m.def("retarget_file", &RetargetFile, py::arg("source"), py::arg("output"), py::arg("options"),
-        py::arg("replace_animations") = false, py::arg("measure") = true);
+        py::arg("replace_animations") = false, py::arg("measure") = true, py::arg("threads") = 0);
   m.def("batch_output_path", [](const std::string& outDir, const std::string& source, const std::string& format,
                                 const std::string& targetPath) {
     std::string extension;

@@ -80,8 +80,9 @@ def _retarget_task(source: str, output: str, target: str, options: dict, replace
     that Dask neither retries nor stops anything for a bad clip."""
     try:
         os.makedirs(os.path.dirname(os.path.abspath(output)), exist_ok=True)
+        # One clip per worker thread: the workers already share out the cores.
         report = kelvara.retarget_file(source, output, target, replace_animations=replace_animations,
-                                       measure=measure, **options)
+                                       measure=measure, threads=1, **options)
         report["status"] = "ok"
         return report
     except kelvara.Error as error:

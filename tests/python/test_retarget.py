@@ -12,6 +12,7 @@ from conftest import HUMANOID_X, JUMP, WALK, read_bytes, run_command, short_bvh
 
 @pytest.mark.parametrize("extension,options,flags", [
     (".glb", {}, []),
+    (".glb", {"threads": 1}, ["--threads", "3"]),
     (".gltf", {"match_rest": False, "root_scale": 0.5}, ["--keep-rest", "--root-scale", "0.5"]),
     (".bvh", {"root_motion": False, "plant_feet": False}, ["--no-root-motion", "--no-plant-feet"]),
 ])
@@ -20,6 +21,7 @@ def test_python_result_is_the_commands_output(kelvara, tmp_path, extension, opti
     target = kelvara.load_character(HUMANOID_X)
     clip = kelvara.load_clip(JUMP)
     out, report = kelvara.retarget(clip, source, target, **options)
+    options.pop("threads", None)
     mine = tmp_path / f"python{extension}"
     out.save(mine, character=target)
     theirs = tmp_path / f"command{extension}"
