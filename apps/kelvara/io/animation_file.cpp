@@ -24,9 +24,9 @@ std::string LowerExtension(const std::string& path)
 bool ReadBvhFile(const std::string& path, const ReadRequest& request, AnimationFile& out, std::string& error)
 {
   BvhFile file;
-  if (!ReadBvh(path, file, error, request.motion ? BvhPart::kWhole : BvhPart::kHierarchy))
+  if (!ReadBvh(path, file, error, request.motion ? BvhPart::kWhole : BvhPart::kHierarchy, request.threads))
     return false;
-  out = BvhToAnimationFile(file, request.motion, FileStem(path));
+  out = BvhToAnimationFile(file, request.motion, FileStem(path), request.threads);
   return ValidateSkeleton(out.skeleton, error);
 }
 

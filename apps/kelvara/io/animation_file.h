@@ -35,6 +35,7 @@ struct ReadRequest
   bool lastAnimation = false; // with animation "", the last instead (the one kelvara adds to a document)
   std::string skeletonRoot; // the node whose subtree is the skeleton; "" the skin's joints
   bool motion = true;       // false: the skeleton only (a target's motion is never used)
+  int threads = 1;          // BVH: frames read and converted by up to this many (0: every core)
 };
 
 // Reads path by its extension: .bvh, .gltf, .glb, a saved character's .json (skeleton only), and

@@ -35,7 +35,7 @@ bool RunClip(Road& road, ClipRun& run)
   run.clip.source = run.sourcePath.empty() ? run.source.skeleton.path : run.sourcePath;
   run.clip.output = run.outputPath;
   Clock::time_point start = Clock::now();
-  if (!run.sourcePath.empty() && !road.ReadSource(run.sourcePath, run.source, run.problem))
+  if (!run.sourcePath.empty() && !road.ReadSource(run.sourcePath, run.source, run.problem, run.threads))
     return false;
   run.readSeconds = SecondsSince(start);
   run.clip.frames = run.source.clip.frameCount;

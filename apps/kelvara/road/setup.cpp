@@ -78,9 +78,10 @@ bool Road::Setup(Problem& problem)
   return BuildTarget(problem);
 }
 
-bool Road::ReadSource(const std::string& path, AnimationFile& out, Problem& problem) const
+bool Road::ReadSource(const std::string& path, AnimationFile& out, Problem& problem, int threads) const
 {
   ReadRequest request;
+  request.threads = threads;
   request.animation = _options.animation;
   request.skeletonRoot = _options.sourceSkeletonRoot;
   std::string error;

@@ -84,8 +84,8 @@ public:
   const telvo::KelvaraHelperRef& Helper() const { return _helper; }
 
   // Reads a source clip as the options say (animation, skeleton root); a file without an
-  // animation is bad input.
-  bool ReadSource(const std::string& path, AnimationFile& out, Problem& problem) const;
+  // animation is bad input. A BVH clip's frames are read by up to threads threads (0: every core).
+  bool ReadSource(const std::string& path, AnimationFile& out, Problem& problem, int threads = 1) const;
 
   // The prepared side for clips of skeleton, made by the first caller that needs it while others
   // wait. Safe to call from several threads; the result lives as long as the road.

@@ -91,12 +91,15 @@ struct Token
   bool Is(std::string_view s) const { return text == s; }
 };
 
+// Fewer rows than this are not worth a thread.
+constexpr int kRowsPerShare = 256;
+
 class Parser
 {
 public:
-  Parser(std::string_view text, const std::string& name, BvhFile& out, std::string& error)
+  Parser(std::string_view text, const std::string& name, BvhFile& out, std::string& error, int threads)
     : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), name_(name), out_(out),
-      error_(error)
+      error_(error), threads_(threads)
   {
   }
 
@@ -119,7 +122,7 @@ private:
   std::string& error_;
   bool havePeek_ = false;
   Token peek_;
-  std::string shortCount_; // numbers on the last short row
+  int threads_ = 1; // for the frames' numbers
 
   Token Scan()
   {
@@ -398,32 +401,53 @@ private:
     out_.frameTime = frameTime;
 
     const long long channels = out_.channelCount;
-    const long long total = frames * channels;
-    // Every value takes at least one character and one separator: reserve only what the data
-    // present could hold, so a huge declared count on a short file costs nothing.
-    if (total <= (end_ - p_) / 2 + 1)
-      out_.motion.reserve(static_cast<std::size_t>(total));
-    const char* lineEnd = p_;
     long long read = 0;
+    const char* lineEnd = p_;
     if (channels > 0)
     {
-      for (; read < frames; ++read)
+      // The frames' lines first (a quick scan), then their numbers in shares on threads; the
+      // first line that is not a whole frame decides as it would reading line after line.
+      std::vector<RowText> rows;
+      while (static_cast<long long>(rows.size()) < frames && NextNonBlankLine(lineEnd))
       {
-        if (!NextNonBlankLine(lineEnd))
-          break;
-        const int rowLine = line_;
-        const Row row = ReadRow(lineEnd, static_cast<int>(channels));
-        if (row == Row::kBroken)
-          return false;
-        if (row == Row::kShort)
+        rows.push_back({p_, lineEnd, line_});
+        p_ = lineEnd;
+      }
+      const int count = static_cast<int>(rows.size());
+      const int width = static_cast<int>(channels);
+      out_.motion.resize(rows.size() * static_cast<std::size_t>(width));
+      const int shares = ShareCount(count, threads_, kRowsPerShare);
+      std::vector<RowFailure> failures(static_cast<std::size_t>(shares));
+      RunShares(count, shares, [&](int share, int first, int last) {
+        for (int r = first; r < last; ++r)
         {
-          // A file cut off in its last frame: the frames before it are whole.
-          if (NextNonBlankLine(lineEnd))
-            return Fail(rowLine, std::to_string(channels) + " numbers", shortCount_);
-          out_.warnings.push_back(name_ + ":" + std::to_string(rowLine) + ": the last frame line is incomplete (" +
-                                  shortCount_ + " of " + std::to_string(channels) + " numbers); it is left out");
-          break;
+          RowFailure& failure = failures[static_cast<std::size_t>(share)];
+          failure.kind = ReadRow(rows[static_cast<std::size_t>(r)], end_, width,
+                                 out_.motion.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width),
+                                 failure);
+          if (failure.kind != Row::kWhole)
+          {
+            failure.row = r;
+            return;
+          }
         }
+      });
+      read = count;
+      for (const RowFailure& failure : failures)
+      {
+        if (failure.kind == Row::kWhole)
+          continue;
+        const int rowLine = rows[static_cast<std::size_t>(failure.row)].line;
+        if (failure.kind == Row::kBroken)
+          return Fail(rowLine, failure.expected, failure.found);
+        // A file cut off in its last frame: the frames before it are whole.
+        if (failure.row + 1 < count || NextNonBlankLine(lineEnd))
+          return Fail(rowLine, std::to_string(channels) + " numbers", failure.found);
+        out_.warnings.push_back(name_ + ":" + std::to_string(rowLine) + ": the last frame line is incomplete (" +
+                                failure.found + " of " + std::to_string(channels) + " numbers); it is left out");
+        read = failure.row;
+        out_.motion.resize(static_cast<std::size_t>(read) * static_cast<std::size_t>(width));
+        break;
       }
       if (read < frames)
         out_.warnings.push_back(name_ + ":" + std::to_string(countLine) + ": \"Frames:\" declares " +
@@ -484,16 +508,35 @@ private:
     }
   }
 
+  // One frame's line: where it starts and ends, and its number in the file.
+  struct RowText
+  {
+    const char* begin;
+    const char* end;
+    int line;
+  };
+
   enum class Row
   {
     kWhole,
-    kShort,  // fewer numbers than channels, each of them a number (shortCount_ says how many)
-    kBroken, // error_ is set
+    kShort,  // fewer numbers than channels, each of them a number (found says how many)
+    kBroken, // expected and found say what is wrong
   };
 
-  Row ReadRow(const char* lineEnd, int channels)
+  struct RowFailure
   {
-    const char* q = p_;
+    Row kind = Row::kWhole;
+    int row = 0;
+    std::string expected;
+    std::string found;
+  };
+
+  // The numbers of a frame's line into out (room for channels of them). A number cut off by the
+  // end of the file (at fileEnd) makes a short frame, not a broken one.
+  static Row ReadRow(const RowText& text, const char* fileEnd, int channels, double* out, RowFailure& failure)
+  {
+    const char* q = text.begin;
+    const char* lineEnd = text.end;
     int n = 0;
     for (;;)
     {
@@ -515,26 +558,23 @@ private:
           r += TokenAt(r, lineEnd).size();
           ++count;
         }
-        Fail(line_, std::to_string(channels) + " numbers", std::to_string(count));
+        failure.expected = std::to_string(channels) + " numbers";
+        failure.found = std::to_string(count);
         return Row::kBroken;
       }
-      double v;
-      if (!ParseNumber(s, q, v))
+      if (!ParseNumber(s, q, out[n]))
       {
-        // A number cut off by the end of the file is a frame cut short, not a broken one.
-        if (q == end_)
+        if (q == fileEnd)
           break;
-        Fail(line_, "a number", Describe(std::string_view(s, static_cast<std::size_t>(q - s))));
+        failure.expected = "a number";
+        failure.found = Describe(std::string_view(s, static_cast<std::size_t>(q - s)));
         return Row::kBroken;
       }
-      out_.motion.push_back(v);
       ++n;
     }
-    p_ = lineEnd;
     if (n != channels)
     {
-      out_.motion.resize(out_.motion.size() - static_cast<std::size_t>(n));
-      shortCount_ = std::to_string(n);
+      failure.found = std::to_string(n);
       return Row::kShort;
     }
     return Row::kWhole;
@@ -643,9 +683,6 @@ private:
   }
 };
 
-// Fewer rows than this are not worth a thread.
-constexpr int kRowsPerShare = 256;
-
 void WriteRows(Writer& w, const BvhFile& file, int first, int last)
 {
   const std::size_t row = static_cast<std::size_t>(file.channelCount);
@@ -700,15 +737,15 @@ int ChannelAxis(Channel channel)
 }
 
 bool ReadBvhFromBuffer(std::string_view text, const std::string& displayName, BvhFile& out, std::string& error,
-                       BvhPart part)
+                       BvhPart part, int threads)
 {
-  return Parser(text, displayName, out, error).Run(part);
+  return Parser(text, displayName, out, error, threads).Run(part);
 }
 
-bool ReadBvh(const std::string& path, BvhFile& out, std::string& error, BvhPart part)
+bool ReadBvh(const std::string& path, BvhFile& out, std::string& error, BvhPart part, int threads)
 {
   std::string data;
-  return ReadWholeFile(path, data, error) && ReadBvhFromBuffer(data, path, out, error, part);
+  return ReadWholeFile(path, data, error) && ReadBvhFromBuffer(data, path, out, error, part, threads);
 }
 
 bool ValidateBvh(const BvhFile& file, std::string& error)

@@ -75,11 +75,13 @@ enum class BvhPart
 // declares is read up to the declared count, one with fewer complete lines (a file cut short)
 // up to its last complete frame, each with a warning in out.warnings. Broken structure fails:
 // false, out unspecified, error "FILE:LINE: expected X, found Y" (or a message naming the path
-// when it cannot be read).
-bool ReadBvh(const std::string& path, BvhFile& out, std::string& error, BvhPart part = BvhPart::kWhole);
+// when it cannot be read). The frames' numbers may be read by up to threads threads (0: every
+// core); the result is the same whatever their number.
+bool ReadBvh(const std::string& path, BvhFile& out, std::string& error, BvhPart part = BvhPart::kWhole,
+             int threads = 1);
 // The same from memory; displayName stands for the file in messages and in out.path.
 bool ReadBvhFromBuffer(std::string_view text, const std::string& displayName, BvhFile& out, std::string& error,
-                       BvhPart part = BvhPart::kWhole);
+                       BvhPart part = BvhPart::kWhole, int threads = 1);
 
 // Checks that the model can be written as is: depth-first joint order, names that are single
 // tokens, distinct channels per joint, firstChannel/channelCount consistent, motion sized

@@ -13,6 +13,9 @@ namespace kelvara
 namespace
 {
 
+// Fewer frames than this are not worth a thread.
+constexpr int kFramesPerShare = 256;
+
 using telvo::Matrix;
 using telvo::Vector;
 
@@ -74,7 +77,7 @@ void BvhToSkeleton(const BvhFile& file, Skeleton& skeleton, BvhLayout& layout)
   }
 }
 
-void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip)
+void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip, int threads)
 {
   clip = Clip();
   clip.frameCount = file.frameCount;
@@ -89,28 +92,31 @@ void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip)
     moving = moving || HasPositions(file.joints[j].channels);
   if (moving)
     clip.translations.resize(frames * n);
-  for (std::size_t f = 0; f < frames; ++f)
-  {
-    const double* row = file.motion.data() + f * static_cast<std::size_t>(file.channelCount);
-    for (std::size_t j = 0; j < n; ++j)
+  // Each frame stands alone: shares of them on threads.
+  RunShares(file.frameCount, ShareCount(file.frameCount, threads, kFramesPerShare), [&](int, int first, int last) {
+    for (std::size_t f = static_cast<std::size_t>(first); f < static_cast<std::size_t>(last); ++f)
     {
-      const BvhJoint& joint = file.joints[j];
-      const double* values = row + joint.firstChannel;
-      clip.rotations[f * n + j] = FromMatrix(RotationFromChannels(joint.channels, values));
-      // Position channels move the joint from its offset, as the format's readers take them.
-      Vector t = skeleton.joints[j].translation;
-      for (std::size_t c = 0; c < joint.channels.size(); ++c)
-        if (!IsRotation(joint.channels[c]))
-          Component(t, ChannelAxis(joint.channels[c])) += values[c];
-      if (j == 0)
-        clip.rootTranslation[f] = t;
-      if (moving)
-        clip.translations[f * n + j] = t;
+      const double* row = file.motion.data() + f * static_cast<std::size_t>(file.channelCount);
+      for (std::size_t j = 0; j < n; ++j)
+      {
+        const BvhJoint& joint = file.joints[j];
+        const double* values = row + joint.firstChannel;
+        clip.rotations[f * n + j] = FromMatrix(RotationFromChannels(joint.channels, values));
+        // Position channels move the joint from its offset, as the format's readers take them.
+        Vector t = skeleton.joints[j].translation;
+        for (std::size_t c = 0; c < joint.channels.size(); ++c)
+          if (!IsRotation(joint.channels[c]))
+            Component(t, ChannelAxis(joint.channels[c])) += values[c];
+        if (j == 0)
+          clip.rootTranslation[f] = t;
+        if (moving)
+          clip.translations[f * n + j] = t;
+      }
     }
-  }
+  });
 }
 
-AnimationFile BvhToAnimationFile(const BvhFile& file, bool motion, const std::string& clipName)
+AnimationFile BvhToAnimationFile(const BvhFile& file, bool motion, const std::string& clipName, int threads)
 {
   AnimationFile out;
   out.format = "BVH";
@@ -119,7 +125,7 @@ AnimationFile BvhToAnimationFile(const BvhFile& file, bool motion, const std::st
   BvhToSkeleton(file, out.skeleton, *layout);
   if (motion)
   {
-    BvhToClip(file, out.skeleton, out.clip);
+    BvhToClip(file, out.skeleton, out.clip, threads);
     out.clip.name = clipName;
     out.hasClip = true;
   }
@@ -137,12 +143,6 @@ BvhLayout DefaultBvhLayout(const Skeleton& skeleton, bool moving)
     layout.channels.push_back(joint.parent < 0 || moving ? all : rotations);
   return layout;
 }
-
-namespace
-{
-// Fewer frames than this are not worth a thread.
-constexpr int kFramesPerShare = 256;
-} // namespace
 
 bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& clip, BvhFile& out, std::string& error,
                 int threads)

@@ -24,12 +24,13 @@ struct BvhLayout
 void BvhToSkeleton(const BvhFile& file, Skeleton& skeleton, BvhLayout& layout);
 
 // The motion of file as a clip of its skeleton (BvhToSkeleton's): each joint's rotation from its
-// channels in their order, translations from position channels added to the offsets.
-void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip);
+// channels in their order, translations from position channels added to the offsets. Frames are
+// converted by up to threads threads (0: every core).
+void BvhToClip(const BvhFile& file, const Skeleton& skeleton, Clip& clip, int threads = 1);
 
 // A BVH file as the host's file model: its skeleton and layout, and with motion its clip named
 // clipName (the file's stem when read from disk). Warnings travel along.
-AnimationFile BvhToAnimationFile(const BvhFile& file, bool motion, const std::string& clipName);
+AnimationFile BvhToAnimationFile(const BvhFile& file, bool motion, const std::string& clipName, int threads = 1);
 
 // For a skeleton from another format: every root gets "Xposition Yposition Zposition Zrotation
 // Yrotation Xrotation", every other joint "Zrotation Yrotation Xrotation", plus position channels

@@ -197,6 +197,72 @@ TEST(BvhRead, MotionOfAnotherLengthThanDeclaredIsReadWithAWarning)
   }
 }
 
+// Long motion sections read on several threads give what one thread gives, faults included:
+// the first faulty line in the file is the one reported, wherever the shares begin.
+TEST(BvhRead, ThreadsReadTheSameFramesAndFaults)
+{
+  std::mt19937 random(5);
+  std::uniform_int_distribution<int> value(-900, 900);
+  std::vector<std::string> rows;
+  for (int f = 0; f < 2000; ++f)
+    rows.push_back(std::to_string(value(random) / 10.0) + " " + std::to_string(value(random)) + " 0.5 " +
+                   std::to_string(f));
+  auto file = [&](const std::vector<std::string>& lines, int declared) {
+    std::string section = "Frames: " + std::to_string(declared) + "\nFrame Time: 0.01\n";
+    for (const std::string& line : lines)
+      section += line + "\n";
+    return WithMotion(section);
+  };
+  auto with = [&](std::initializer_list<std::pair<int, std::string>> changes) {
+    std::vector<std::string> lines = rows;
+    for (const auto& [row, text] : changes)
+      lines[static_cast<std::size_t>(row)] = text;
+    return lines;
+  };
+  std::vector<std::string> cut = rows;
+  cut.back() = "1 2"; // cut short in its last frame
+  std::vector<std::string> blanks = rows;
+  blanks.insert(blanks.begin() + 1200, {"", "   \t"});
+  const std::string texts[] = {
+    file(rows, 2000),
+    file(rows, 1500),                                              // lines after the declared frames
+    file(rows, 2500),                                              // fewer frames than declared
+    file(cut, 2000),                                               // a last frame cut short
+    file(blanks, 2000),                                            // blank lines count as lines
+    file(with({{1700, "1 2 x 4"}}), 2000),                         // a broken number late in the file
+    file(with({{600, "1 2 3 4 5"}, {1700, "1 2 x 4"}}), 2000),     // the earlier of two faults
+    file(with({{1999, "1 2 3 4 5"}, {300, "1 2"}}), 2000),         // a short frame that is not the last
+    file(with({{1999, "1 2"}}), 1999) + "7 7 7 7\n",               // short, then lines beyond the count
+  };
+  for (const std::string& text : texts)
+  {
+    BvhFile one;
+    std::string oneError;
+    const bool oneOk = ReadBvhFromBuffer(text, "t.bvh", one, oneError, BvhPart::kWhole, 1);
+    for (int threads : {2, 3, 8})
+    {
+      BvhFile many;
+      std::string manyError;
+      ASSERT_EQ(ReadBvhFromBuffer(text, "t.bvh", many, manyError, BvhPart::kWhole, threads), oneOk);
+      EXPECT_EQ(manyError, oneError);
+      if (!oneOk)
+        continue;
+      EXPECT_EQ(many.frameCount, one.frameCount);
+      EXPECT_EQ(many.motion, one.motion);
+      EXPECT_EQ(many.warnings, one.warnings);
+    }
+  }
+  // The faults above are found where they are.
+  BvhFile f;
+  std::string error;
+  EXPECT_FALSE(ReadBvhFromBuffer(texts[6], "t.bvh", f, error, BvhPart::kWhole, 4));
+  EXPECT_EQ(error, "t.bvh:615: expected 4 numbers, found 5");
+  EXPECT_FALSE(ReadBvhFromBuffer(texts[7], "t.bvh", f, error, BvhPart::kWhole, 4));
+  EXPECT_EQ(error, "t.bvh:315: expected 4 numbers, found 2");
+  ASSERT_TRUE(ReadBvhFromBuffer(texts[3], "t.bvh", f, error, BvhPart::kWhole, 4)) << error;
+  EXPECT_EQ(f.frameCount, 1999);
+}
+
 TEST(BvhRead, HierarchyPartStopsAtMotion)
 {
   // A target's motion is never used: whatever follows MOTION is not read, however broken.
