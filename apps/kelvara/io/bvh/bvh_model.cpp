@@ -197,17 +197,25 @@ bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& cl
   }
   out.channelCount = channelTotal;
   out.motion.assign(static_cast<std::size_t>(clip.frameCount) * static_cast<std::size_t>(channelTotal), 0.0);
-  // One frame's row from its rotations; the angles stay near those of previous (the frame
-  // before's row) when given.
-  auto convert = [&](int f, const double* previous, double* row) {
+  // Each frame's rotations solved for their angles, kept so that a frame's continuity can be
+  // chosen again from another frame before without solving again.
+  std::vector<EulerAngles> angles(static_cast<std::size_t>(clip.frameCount) * n);
+  // One frame's row from its rotations (solved anew, or from the angles kept); the angles stay
+  // near those of previous (the frame before's row) when given.
+  auto convert = [&](int f, const double* previous, double* row, bool solve) {
     const Quaternion* rotations = clip.FrameRotations(f);
+    EulerAngles* frameAngles = angles.data() + static_cast<std::size_t>(f) * n;
     for (std::size_t j = 0; j < n; ++j)
     {
       const BvhJoint& bj = out.joints[j];
       double* values = row + bj.firstChannel;
-      const Quaternion rotation = isRoot(j) ? sceneRotation * rotations[j] : rotations[j];
-      ChannelsFromRotation(bj.channels, ToMatrix(rotation), previous != nullptr ? previous + bj.firstChannel : nullptr,
-                           values);
+      const double* before = previous != nullptr ? previous + bj.firstChannel : nullptr;
+      if (solve || frameAngles[j].dependsOnPrevious)
+      {
+        const Quaternion rotation = isRoot(j) ? sceneRotation * rotations[j] : rotations[j];
+        frameAngles[j] = AnglesFromRotation(bj.channels, ToMatrix(rotation), before);
+      }
+      ChannelsFromAngles(bj.channels, frameAngles[j], before, values);
       // A zero angle is written "0", never "-0".
       for (std::size_t c = 0; c < bj.channels.size(); ++c)
         values[c] += 0.0;
@@ -229,14 +237,14 @@ bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& cl
   const int shares = ShareCount(clip.frameCount, threads, kFramesPerShare);
   RunShares(clip.frameCount, shares, [&](int, int first, int last) {
     for (int f = first; f < last; ++f)
-      convert(f, f > first ? rowOf(f - 1) : nullptr, rowOf(f));
+      convert(f, f > first ? rowOf(f - 1) : nullptr, rowOf(f), true);
   });
   for (int share = 1; share < shares; ++share)
   {
     std::vector<double> again(width);
     for (int f = static_cast<int>(static_cast<long>(clip.frameCount) * share / shares); f < clip.frameCount; ++f)
     {
-      convert(f, rowOf(f - 1), again.data());
+      convert(f, rowOf(f - 1), again.data(), false);
       if (std::memcmp(again.data(), rowOf(f), width * sizeof(double)) == 0)
         break;
       std::copy(again.begin(), again.end(), rowOf(f));

@@ -96,38 +96,49 @@ Matrix RotationFromChannels(const std::vector<Channel>& channels, const double* 
   return r;
 }
 
-void ChannelsFromRotation(const std::vector<Channel>& channels, const Matrix& rotation, const double* previous,
-                          double* out)
+namespace
+{
+
+// The rotation channels of a layout: their slots and axes in order, a repeated axis left out.
+struct RotationSlots
 {
   std::size_t slot[3] = {};
   int axis[3] = {};
   int count = 0;
-  bool seen[3] = {};
-  for (std::size_t n = 0; n < channels.size(); ++n)
-  {
-    if (!IsRotation(channels[n]))
-      continue;
-    const int a = ChannelAxis(channels[n]);
-    if (seen[a])
-    {
-      out[n] = 0.0;
-      continue;
-    }
-    seen[a] = true;
-    slot[count] = n;
-    axis[count] = a;
-    ++count;
-  }
-  if (count == 0)
-    return;
 
-  double prev[3] = {};
+  explicit RotationSlots(const std::vector<Channel>& channels)
+  {
+    bool seen[3] = {};
+    for (std::size_t n = 0; n < channels.size(); ++n)
+    {
+      if (!IsRotation(channels[n]))
+        continue;
+      const int a = ChannelAxis(channels[n]);
+      if (seen[a])
+        continue;
+      seen[a] = true;
+      slot[count] = n;
+      axis[count] = a;
+      ++count;
+    }
+  }
+};
+
+} // namespace
+
+EulerAngles AnglesFromRotation(const std::vector<Channel>& channels, const Matrix& rotation, const double* previous)
+{
+  const RotationSlots slots(channels);
+  const int count = slots.count;
+  const int* axis = slots.axis;
+  EulerAngles result;
+  double* angle = result.radians;
+  if (count == 0)
+    return result;
   const bool havePrevious = previous != nullptr;
-  for (int q = 0; q < count && havePrevious; ++q)
-    prev[q] = previous[slot[q]] * kRadiansPerDegree;
+  auto prev = [&](int q) { return previous[slots.slot[q]] * kRadiansPerDegree; };
 
   const Matrix r = telvo::Rotation3(rotation);
-  double angle[3] = {};
   if (count == 1)
   {
     const int i = axis[0];
@@ -144,7 +155,8 @@ void ChannelsFromRotation(const std::vector<Channel>& channels, const Matrix& ro
     const double s = Parity(i, j);
     const double y = s * At(r, k, j);
     const double x = At(r, j, j);
-    angle[0] = (havePrevious && std::hypot(x, y) < kLockCosine) ? prev[0] : std::atan2(y, x);
+    result.dependsOnPrevious = std::hypot(x, y) < kLockCosine;
+    angle[0] = (havePrevious && result.dependsOnPrevious) ? prev(0) : std::atan2(y, x);
     const Matrix rest = AxisRotation(i, -angle[0]) * r; // Rj(b)
     angle[1] = std::atan2(s * At(rest, i, k), At(rest, k, k));
   }
@@ -158,10 +170,11 @@ void ChannelsFromRotation(const std::vector<Channel>& channels, const Matrix& ro
     const double s = Parity(i, j);
     const double cosB = std::hypot(At(r, i, i), At(r, i, j));
     double c = 0.0;
-    if (cosB >= kLockCosine)
+    result.dependsOnPrevious = cosB < kLockCosine;
+    if (!result.dependsOnPrevious)
       c = std::atan2(-s * At(r, i, j), At(r, i, i));
     else if (havePrevious)
-      c = prev[2];
+      c = prev(2);
     Matrix ab = r;
     TurnAbout(ab, k, -c);
     const double a = std::atan2(s * At(ab, k, j), At(ab, j, j));
@@ -170,27 +183,50 @@ void ChannelsFromRotation(const std::vector<Channel>& channels, const Matrix& ro
     angle[0] = a;
     angle[1] = b;
     angle[2] = c;
-    if (havePrevious)
+  }
+  return result;
+}
+
+void ChannelsFromAngles(const std::vector<Channel>& channels, const EulerAngles& angles, const double* previous,
+                        double* out)
+{
+  const RotationSlots slots(channels);
+  const int count = slots.count;
+  const bool havePrevious = previous != nullptr;
+  double prev[3] = {};
+  for (int q = 0; q < count && havePrevious; ++q)
+    prev[q] = previous[slots.slot[q]] * kRadiansPerDegree;
+  // A repeated axis gets 0.
+  for (std::size_t n = 0; n < channels.size(); ++n)
+    if (IsRotation(channels[n]))
+      out[n] = 0.0;
+  double angle[3] = {angles.radians[0], angles.radians[1], angles.radians[2]};
+  if (count == 3 && havePrevious)
+  {
+    // The same rotation is also Ri(a + pi) Rj(pi - b) Rk(c + pi).
+    const double other[3] = {angle[0] + std::numbers::pi, std::numbers::pi - angle[1], angle[2] + std::numbers::pi};
+    double cost = 0.0;
+    double otherCost = 0.0;
+    for (int q = 0; q < 3; ++q)
     {
-      // The same rotation is also Ri(a + pi) Rj(pi - b) Rk(c + pi).
-      const double other[3] = {a + std::numbers::pi, std::numbers::pi - b, c + std::numbers::pi};
-      double cost = 0.0;
-      double otherCost = 0.0;
-      for (int q = 0; q < 3; ++q)
-      {
-        cost += std::fabs(NearestTurn(angle[q], prev[q]) - prev[q]);
-        otherCost += std::fabs(NearestTurn(other[q], prev[q]) - prev[q]);
-      }
-      if (otherCost < cost)
-        for (int q = 0; q < 3; ++q)
-          angle[q] = other[q];
+      cost += std::fabs(NearestTurn(angle[q], prev[q]) - prev[q]);
+      otherCost += std::fabs(NearestTurn(other[q], prev[q]) - prev[q]);
     }
+    if (otherCost < cost)
+      for (int q = 0; q < 3; ++q)
+        angle[q] = other[q];
   }
   for (int q = 0; q < count; ++q)
   {
     const double a = havePrevious ? NearestTurn(angle[q], prev[q]) : angle[q];
-    out[slot[q]] = a / kRadiansPerDegree;
+    out[slots.slot[q]] = a / kRadiansPerDegree;
   }
+}
+
+void ChannelsFromRotation(const std::vector<Channel>& channels, const Matrix& rotation, const double* previous,
+                          double* out)
+{
+  ChannelsFromAngles(channels, AnglesFromRotation(channels, rotation, previous), previous, out);
 }
 
 } // namespace kelvara

@@ -29,4 +29,19 @@ telvo::Matrix RotationFromChannels(const std::vector<Channel>& channels, const d
 void ChannelsFromRotation(const std::vector<Channel>& channels, const telvo::Matrix& rotation, const double* previous,
                           double* out);
 
+// ChannelsFromRotation in two steps, so that continuity can be chosen again from another previous
+// frame without solving the rotation again (frames converted on threads meet at seams):
+// AnglesFromRotation solves it; ChannelsFromAngles picks the equivalent closest to previous and
+// writes it. Together they give ChannelsFromRotation's values exactly. At gimbal lock the angles
+// depend on previous itself (dependsOnPrevious), and only solving again gives them.
+struct EulerAngles
+{
+  double radians[3] = {};
+  bool dependsOnPrevious = false;
+};
+EulerAngles AnglesFromRotation(const std::vector<Channel>& channels, const telvo::Matrix& rotation,
+                               const double* previous);
+void ChannelsFromAngles(const std::vector<Channel>& channels, const EulerAngles& angles, const double* previous,
+                        double* out);
+
 } // namespace kelvara

@@ -96,6 +96,19 @@ TEST(Euler, DecomposeRecomposesAndStaysNearThePreviousFrame)
       for (int q = 0; q < 3; ++q)
         EXPECT_LE(std::fabs(out[q] - previous[q]), 180.0 + 1e-9);
 
+      // Solved once without a previous frame and chosen from this one: the same values, to the
+      // bit, unless the solution is one only the previous frame settles (an exact lock).
+      const EulerAngles solved = AnglesFromRotation(order, r, nullptr);
+      double chosen[3];
+      ChannelsFromAngles(order, solved.dependsOnPrevious ? AnglesFromRotation(order, r, previous) : solved, previous,
+                         chosen);
+      for (int q = 0; q < 3; ++q)
+        ASSERT_EQ(chosen[q], out[q]);
+      if (!locked || n / 4 % 6 < 3)
+      {
+        EXPECT_EQ(solved.dependsOnPrevious, locked);
+      }
+
       // The very angles that built it come back (away from the numerically soft near-locks).
       ChannelsFromRotation(order, r, angles, out);
       const bool soft = locked && n / 4 % 6 >= 4;
