@@ -55,12 +55,12 @@ bool RunClip(Road& road, ClipRun& run)
   const bool plant = side.prepared.plantFeet;
   FeetPlan feet;
   if (plant || run.describe || run.measure)
-    feet = PlanFeet(side.prepared, run.source.clip, run.output);
+    feet = PlanFeet(side.prepared, run.source.clip, run.output, run.threads);
   Clip otherPlanting; // the output with the other choice of planting, for the report
   if (run.measure)
     otherPlanting = run.output;
   if (plant)
-    run.planted = PlantFeet(side.prepared, feet, run.output);
+    run.planted = PlantFeet(side.prepared, feet, run.output, run.threads);
   if (run.describe || run.measure)
   {
     DescribePairing(side.prepared, !road.Options().sourcePreset.empty(), !road.Options().targetPreset.empty(),
@@ -74,7 +74,7 @@ bool RunClip(Road& road, ClipRun& run)
   if (run.measure)
   {
     if (!plant)
-      PlantFeet(side.prepared, run.clip.feetPlan, otherPlanting);
+      PlantFeet(side.prepared, run.clip.feetPlan, otherPlanting, run.threads);
     MeasureFeet(*side.prepared.source->skeleton, run.source.clip, *side.prepared.target->skeleton, otherPlanting, true,
                 run.clip);
   }

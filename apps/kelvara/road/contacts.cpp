@@ -5,6 +5,8 @@
 #include <cstddef>
 
 #include "anim/pose.h"
+#include "io/shares.h"
+#include "road/frame_threads.h"
 #include "road/match_rest.h"
 
 namespace kelvara
@@ -156,7 +158,7 @@ std::vector<int> FootJoints(const Skeleton& skeleton, int ankle)
 }
 
 std::vector<FootTrack> TrackFeet(const Skeleton& skeleton, const Clip& clip, const std::vector<Leg>& legs,
-                                 const Vector& up)
+                                 const Vector& up, int threads)
 {
   std::vector<FootTrack> tracks(legs.size());
   std::vector<std::vector<int>> feet(legs.size());
@@ -167,26 +169,61 @@ std::vector<FootTrack> TrackFeet(const Skeleton& skeleton, const Clip& clip, con
       feet[i] = FootJoints(skeleton, legs[i].foot);
       any = true;
     }
-  WorldPose world;
-  for (int f = 0; any && f < clip.frameCount && world.Evaluate(skeleton, &clip, f); ++f)
-    for (std::size_t i = 0; i < legs.size(); ++i)
+  if (!any)
+    return tracks;
+  const std::size_t frames = static_cast<std::size_t>(std::max(0, clip.frameCount));
+  for (std::size_t i = 0; i < legs.size(); ++i)
+    if (legs[i].Complete())
     {
-      const Leg& leg = legs[i];
-      if (!leg.Complete())
-        continue;
       FootTrack& track = tracks[i];
-      track.hip.push_back(world[At(leg.thigh)].off);
-      track.ankle.push_back(world[At(leg.foot)].off);
-      if (leg.toe >= 0)
-        track.toe.push_back(world[At(leg.toe)].off);
-      double lowest = telvo::Dot(world[At(leg.foot)].off, up);
-      for (int j : feet[i])
-        lowest = std::min({lowest, telvo::Dot(world[At(j)].off, up), telvo::Dot(world.EndSite(skeleton, At(j)), up)});
-      track.lowest.push_back(lowest);
-      const Vector thigh = world[At(leg.shin)].off - world[At(leg.thigh)].off;
-      const Vector shin = world[At(leg.foot)].off - world[At(leg.shin)].off;
-      track.kneeDegrees.push_back(AngleDegrees(thigh, shin));
+      track.hip.resize(frames);
+      track.ankle.resize(frames);
+      track.toe.resize(legs[i].toe >= 0 ? frames : 0);
+      track.lowest.resize(frames);
+      track.kneeDegrees.resize(frames);
     }
+  // Each frame stands alone: shares of them on threads, each with a pose of its own. A frame that
+  // cannot be posed ends the tracks.
+  const int shares = FrameThreads(clip.frameCount, threads);
+  std::vector<int> ends(static_cast<std::size_t>(shares), clip.frameCount);
+  RunShares(clip.frameCount, shares, [&](int share, int first, int last) {
+    WorldPose world;
+    for (int f = first; f < last; ++f)
+    {
+      if (!world.Evaluate(skeleton, &clip, f))
+      {
+        ends[static_cast<std::size_t>(share)] = f;
+        return;
+      }
+      for (std::size_t i = 0; i < legs.size(); ++i)
+      {
+        const Leg& leg = legs[i];
+        if (!leg.Complete())
+          continue;
+        FootTrack& track = tracks[i];
+        const std::size_t at = At(f);
+        track.hip[at] = world[At(leg.thigh)].off;
+        track.ankle[at] = world[At(leg.foot)].off;
+        if (leg.toe >= 0)
+          track.toe[at] = world[At(leg.toe)].off;
+        double lowest = telvo::Dot(world[At(leg.foot)].off, up);
+        for (int j : feet[i])
+          lowest = std::min({lowest, telvo::Dot(world[At(j)].off, up), telvo::Dot(world.EndSite(skeleton, At(j)), up)});
+        track.lowest[at] = lowest;
+        const Vector thigh = world[At(leg.shin)].off - world[At(leg.thigh)].off;
+        const Vector shin = world[At(leg.foot)].off - world[At(leg.shin)].off;
+        track.kneeDegrees[at] = AngleDegrees(thigh, shin);
+      }
+    }
+  });
+  const std::size_t end = static_cast<std::size_t>(*std::min_element(ends.begin(), ends.end()));
+  for (FootTrack& track : tracks)
+  {
+    for (std::vector<Vector>* v : {&track.hip, &track.ankle, &track.toe})
+      v->resize(std::min(v->size(), end));
+    for (std::vector<double>* v : {&track.lowest, &track.kneeDegrees})
+      v->resize(std::min(v->size(), end));
+  }
   return tracks;
 }
 

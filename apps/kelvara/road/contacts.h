@@ -80,9 +80,10 @@ struct FootTrack
   std::vector<double> lowest;
   std::vector<double> kneeDegrees;
 };
-// Tracks of every leg (complete ones; others get empty tracks), in one pass over the frames.
+// Tracks of every leg (complete ones; others get empty tracks), in one pass over the frames, split
+// over up to threads threads (0: every core); the tracks are the same whatever their number.
 std::vector<FootTrack> TrackFeet(const Skeleton& skeleton, const Clip& clip, const std::vector<Leg>& legs,
-                                 const telvo::Vector& up);
+                                 const telvo::Vector& up, int threads = 1);
 FootTrack TrackFoot(const Skeleton& skeleton, const Clip& clip, const Leg& leg, const telvo::Vector& up);
 
 // The contacts of one foot, the ankle's and the toe's, with the thresholds taken from its leg's

@@ -5,6 +5,8 @@
 #include <cstddef>
 
 #include "anim/pose.h"
+#include "io/shares.h"
+#include "road/frame_threads.h"
 #include "road/match_rest.h"
 
 namespace kelvara
@@ -143,7 +145,7 @@ void ReachWithLeg(const Skeleton& skeleton, const WorldPose& world, const Leg& l
 
 } // namespace
 
-FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Clip& output)
+FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Clip& output, int threads)
 {
   FeetPlan plan;
   const Character& sc = *prepared.source;
@@ -154,7 +156,7 @@ FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Cl
   plan.up = GroundUp(sc);
   const std::vector<Leg> sourceLegs{LegOf(sc, true), LegOf(sc, false)};
   const std::vector<FootTrack> sourceTracks =
-    plan.usable ? TrackFeet(sf, source, sourceLegs, plan.up) : std::vector<FootTrack>(2);
+    plan.usable ? TrackFeet(sf, source, sourceLegs, plan.up, threads) : std::vector<FootTrack>(2);
   std::vector<double> lowest(static_cast<std::size_t>(source.frameCount), 0.0);
   bool anyFoot = false;
   for (std::size_t i = 0; i < sourceLegs.size(); ++i)
@@ -196,7 +198,7 @@ FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Cl
   plan.sourceGround = anyFoot ? Floor(lowest) : 0.0;
   std::vector<double> standing;
   const std::vector<FootTrack> targetTracks =
-    TrackFeet(tf, output, {plan.feet[0].target, plan.feet[1].target}, plan.up);
+    TrackFeet(tf, output, {plan.feet[0].target, plan.feet[1].target}, plan.up, threads);
   for (std::size_t i = 0; i < plan.feet.size(); ++i)
     for (const FrameRange& r : plan.feet[i].contacts)
       for (int f = r.first; f <= r.last && f < static_cast<int>(targetTracks[i].lowest.size()); ++f)
@@ -212,7 +214,7 @@ FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Cl
   return plan;
 }
 
-PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Clip& output)
+PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Clip& output, int threads)
 {
   PlantResult result;
   const Skeleton& tf = *prepared.target->skeleton;
@@ -239,7 +241,7 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
   std::vector<Leg> targetLegs;
   for (const LegState& leg : legs)
     targetLegs.push_back(leg.foot->target);
-  const std::vector<FootTrack> tracks = TrackFeet(tf, output, targetLegs, up);
+  const std::vector<FootTrack> tracks = TrackFeet(tf, output, targetLegs, up, threads);
   for (std::size_t i = 0; i < legs.size(); ++i)
   {
     LegState& leg = legs[i];
@@ -314,29 +316,37 @@ PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Cl
 
   // Each frame with a foot held: the leg reaches from where the transfer put the ankle (gone down
   // with the hips) towards the hold, the ankle keeping its transferred world rotation. A free leg
-  // keeps its rotations and goes down with the hips.
-  WorldPose world;
-  for (std::size_t f = 0; f < frames; ++f)
-  {
-    bool held = false;
-    for (const LegState& leg : legs)
-      held = held || leg.weight[f] > 0.0;
-    if (!held)
-      continue;
-    ++result.plantedFrames;
-    Quaternion* local = output.rotations.data() + f * tn;
-    // One pose serves both legs: neither leg's joints lie above the other's.
-    if (!world.Evaluate(tf, &output, static_cast<int>(f)))
-      continue;
-    for (const LegState& leg : legs)
+  // keeps its rotations and goes down with the hips. Frames stand alone from here: shares of them
+  // on threads.
+  const int shares = FrameThreads(output.frameCount, threads);
+  std::vector<int> planted(static_cast<std::size_t>(shares), 0);
+  RunShares(output.frameCount, shares, [&](int share, int first, int last) {
+    WorldPose world;
+    for (std::size_t f = static_cast<std::size_t>(first); f < static_cast<std::size_t>(last); ++f)
     {
-      if (!(leg.weight[f] > 0.0))
+      bool held = false;
+      for (const LegState& leg : legs)
+        held = held || leg.weight[f] > 0.0;
+      if (!held)
         continue;
-      const Leg& t = leg.foot->target;
-      const Vector lowered = leg.free[f] - up * smoothDrop[f];
-      ReachWithLeg(tf, world, t, lowered + (leg.held[f] - lowered) * leg.weight[f], WorldRotation(world, t.foot), local);
+      ++planted[static_cast<std::size_t>(share)];
+      Quaternion* local = output.rotations.data() + f * tn;
+      // One pose serves both legs: neither leg's joints lie above the other's.
+      if (!world.Evaluate(tf, &output, static_cast<int>(f)))
+        continue;
+      for (const LegState& leg : legs)
+      {
+        if (!(leg.weight[f] > 0.0))
+          continue;
+        const Leg& t = leg.foot->target;
+        const Vector lowered = leg.free[f] - up * smoothDrop[f];
+        ReachWithLeg(tf, world, t, lowered + (leg.held[f] - lowered) * leg.weight[f], WorldRotation(world, t.foot),
+                     local);
+      }
     }
-  }
+  });
+  for (int count : planted)
+    result.plantedFrames += count;
   return result;
 }
 

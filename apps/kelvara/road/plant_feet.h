@@ -49,8 +49,9 @@ struct FeetPlan
 // is where its feet go lowest; the target's is where the transfer (output, not planted yet) puts
 // its feet's lowest points during the contacts, half of them above and half below. Proportions
 // differ, so the source's ground scaled would leave one rig's feet floating and push another's
-// through the floor.
-FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Clip& output);
+// through the floor. The frames are posed on up to threads threads (0: every core); the plan is
+// the same whatever their number.
+FeetPlan PlanFeet(const PreparedRetarget& prepared, const Clip& source, const Clip& output, int threads = 1);
 
 // What planting did to a clip.
 struct PlantResult
@@ -59,7 +60,8 @@ struct PlantResult
   double hipsLowered = 0.0; // the most the hips went down, in world units
 };
 
-// Plants the feet of plan in output, a clip of the prepared target's skeleton.
-PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Clip& output);
+// Plants the feet of plan in output, a clip of the prepared target's skeleton, the frames on up to
+// threads threads (0: every core); the output is the same whatever their number.
+PlantResult PlantFeet(const PreparedRetarget& prepared, const FeetPlan& plan, Clip& output, int threads = 1);
 
 } // namespace kelvara

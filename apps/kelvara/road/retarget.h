@@ -2,6 +2,8 @@
 // prepared once per pair of characters, and a per-clip part that runs the frames.
 #pragma once
 
+#include <cstdint>
+#include <cstring>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,9 +18,16 @@
 namespace kelvara
 {
 
+// Both halves of the id mixed: a few instructions, where the id's own hash goes over every byte
+// (it is taken for every joint of every frame).
 struct UuidHash
 {
-  std::size_t operator()(const telvo::Uuid& uuid) const { return static_cast<std::size_t>(uuid.GetHash()); }
+  std::size_t operator()(const telvo::Uuid& uuid) const
+  {
+    std::uint64_t half[2];
+    std::memcpy(half, uuid.GetBytes().data(), sizeof half);
+    return static_cast<std::size_t>(half[0] ^ (half[1] * 0x9e3779b97f4a7c15u));
+  }
 };
 
 // The clip-independent part of a retarget: the joint pairs, the association and the solver
