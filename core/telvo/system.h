@@ -31,7 +31,8 @@ public:
   static void* Alloc(std::size_t size);
   static void Free(void* p);
 
-  // Number of blocks handed out and not yet freed.
+  // Number of blocks handed out and not yet freed, whichever threads allocated and freed them
+  // (exact whenever no other thread is allocating or freeing at the same time).
   static Int GetLiveCount();
 
   // Makes the n-th allocation from now fail (n >= 1); 0 disarms the hook.
