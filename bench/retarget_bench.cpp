@@ -1,17 +1,21 @@
-// The host's own road on a real clip: reading and writing BVH text (MB/s), writing the result
-// into the demo character's GLB, and a whole retarget (pairing, configuration, every frame) of
-// CMU 01_01 onto the demo's 21-joint target. The clip is not part of the tree: the benchmarks
+// The host's own road on a real clip: reading and writing BVH text (MB/s) and the numbers in it,
+// writing the result into the demo character's GLB, and a whole retarget (pairing, configuration,
+// every frame) of CMU 01_01 onto the demo's 21-joint target. The clip is not part of the tree: the benchmarks
 // that need it skip when it is absent.
 #include <benchmark/benchmark.h>
 
+#include <charconv>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "bench_support.h"
 #include "demo/demo_character.h"
 #include "io/bvh/bvh_file.h"
 #include "io/bvh/bvh_model.h"
+#include "io/decimal.h"
 #include "io/gltf/gltf.h"
 #include "road/clip_run.h"
 #include "telvo/registrybase.h"
@@ -76,6 +80,41 @@ void BM_WriteBvh(benchmark::State& state)
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));
 }
 BENCHMARK(BM_WriteBvh)->Unit(benchmark::kMillisecond);
+
+// The shortest text of computed numbers (angles with every digit in use), ours against the
+// library's: ns per number.
+const std::vector<double>& ComputedAngles()
+{
+  static const std::vector<double> angles = [] {
+    std::mt19937_64 random(1);
+    std::uniform_real_distribution<double> degrees(-180.0, 180.0);
+    std::vector<double> v(100000);
+    for (double& a : v)
+      a = degrees(random);
+    return v;
+  }();
+  return angles;
+}
+
+void BM_ShortestFixed(benchmark::State& state)
+{
+  char text[kelvara::kShortestFixedMax];
+  for (auto _ : state)
+    for (double v : ComputedAngles())
+      benchmark::DoNotOptimize(kelvara::ShortestFixed(text, v));
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * ComputedAngles().size()));
+}
+BENCHMARK(BM_ShortestFixed)->Unit(benchmark::kMillisecond);
+
+void BM_LibraryToCharsFixed(benchmark::State& state)
+{
+  char text[64];
+  for (auto _ : state)
+    for (double v : ComputedAngles())
+      benchmark::DoNotOptimize(std::to_chars(text, text + sizeof text, v, std::chars_format::fixed).ptr);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * ComputedAngles().size()));
+}
+BENCHMARK(BM_LibraryToCharsFixed)->Unit(benchmark::kMillisecond);
 
 // The clip as the host's model, or false when it cannot be read.
 bool ClipFile(kelvara::AnimationFile& file)
