@@ -197,25 +197,33 @@ bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& cl
   }
   out.channelCount = channelTotal;
   out.motion.assign(static_cast<std::size_t>(clip.frameCount) * static_cast<std::size_t>(channelTotal), 0.0);
-  // Each frame's rotations solved for their angles, kept so that a frame's continuity can be
-  // chosen again from another frame before without solving again.
-  std::vector<EulerAngles> angles(static_cast<std::size_t>(clip.frameCount) * n);
+  // Shares of the frames on threads of their own, each share's first frame converted as if it
+  // began the clip; then, share after share, the frames after each seam again from the frame
+  // before, until one comes out as it was: from there on every frame is what one pass over the
+  // whole clip makes of it, since a frame depends on the one before alone. The frames after the
+  // first seam keep the angles their rotations were solved for, so that going over them again
+  // only chooses their continuity again.
+  const int shares = ShareCount(clip.frameCount, threads, kFramesPerShare);
+  const int firstSeam = shares > 1 ? static_cast<int>(static_cast<long>(clip.frameCount) / shares) : clip.frameCount;
+  std::vector<EulerAngles> kept(static_cast<std::size_t>(clip.frameCount - firstSeam) * n);
   // One frame's row from its rotations (solved anew, or from the angles kept); the angles stay
   // near those of previous (the frame before's row) when given.
   auto convert = [&](int f, const double* previous, double* row, bool solve) {
     const Quaternion* rotations = clip.FrameRotations(f);
-    EulerAngles* frameAngles = angles.data() + static_cast<std::size_t>(f) * n;
+    EulerAngles* frameAngles = f >= firstSeam ? kept.data() + static_cast<std::size_t>(f - firstSeam) * n : nullptr;
     for (std::size_t j = 0; j < n; ++j)
     {
       const BvhJoint& bj = out.joints[j];
       double* values = row + bj.firstChannel;
       const double* before = previous != nullptr ? previous + bj.firstChannel : nullptr;
-      if (solve || frameAngles[j].dependsOnPrevious)
+      EulerAngles solved;
+      EulerAngles& angles = frameAngles != nullptr ? frameAngles[j] : solved;
+      if (solve || angles.dependsOnPrevious)
       {
         const Quaternion rotation = isRoot(j) ? sceneRotation * rotations[j] : rotations[j];
-        frameAngles[j] = AnglesFromRotation(bj.channels, ToMatrix(rotation), before);
+        angles = AnglesFromRotation(bj.channels, ToMatrix(rotation), before);
       }
-      ChannelsFromAngles(bj.channels, frameAngles[j], before, values);
+      ChannelsFromAngles(bj.channels, angles, before, values);
       // A zero angle is written "0", never "-0".
       for (std::size_t c = 0; c < bj.channels.size(); ++c)
         values[c] += 0.0;
@@ -230,11 +238,6 @@ bool ModelToBvh(const Skeleton& skeleton, const BvhLayout* given, const Clip& cl
   };
   const std::size_t width = static_cast<std::size_t>(channelTotal);
   auto rowOf = [&](int f) { return out.motion.data() + static_cast<std::size_t>(f) * width; };
-  // Shares of the frames on threads of their own, each share's first frame converted as if it
-  // began the clip; then, share after share, the frames after each seam again from the frame
-  // before, until one comes out as it was: from there on every frame is what one pass over the
-  // whole clip makes of it, since a frame depends on the one before alone.
-  const int shares = ShareCount(clip.frameCount, threads, kFramesPerShare);
   RunShares(clip.frameCount, shares, [&](int, int first, int last) {
     for (int f = first; f < last; ++f)
       convert(f, f > first ? rowOf(f - 1) : nullptr, rowOf(f), true);
