@@ -90,7 +90,7 @@ public:
   void Say(const SourceSide& side, const ClipReport& r)
   {
     std::lock_guard<std::mutex> lock(_mutex);
-    if (!_said.insert(&side).second)
+    if (!_said.insert(&side.Original()).second)
       return;
     for (const std::string& w : r.warnings)
       std::fprintf(_settings.progress, "%skelvara: warning: %s\n", _settings.terminal ? "\r\033[K" : "", w.c_str());
@@ -102,9 +102,10 @@ private:
   std::set<const SourceSide*> _said;
 };
 
-int RetargetOne(Road& road, const BatchSettings& settings, SideWarningsOnce& warnings, ClipReport& r)
+int RetargetOne(Road& road, const BatchSettings& settings, int worker, SideWarningsOnce& warnings, ClipReport& r)
 {
   ClipRun run;
+  run.worker = worker;
   run.sourcePath = r.source;
   run.outputPath = r.output;
   run.describe = true; // the side warnings come with the pairing's description
@@ -193,7 +194,7 @@ BatchResult RunBatch(Road& road, const BatchSettings& settings)
     SideWarningsOnce warnings(settings, logMutex);
     Progress progress(settings, logMutex);
     std::atomic<std::size_t> next{0};
-    auto work = [&] {
+    auto work = [&](int worker) {
       for (std::size_t i = next++; i < n; i = next++)
       {
         const Clock::time_point clipStart = Clock::now();
@@ -202,7 +203,7 @@ BatchResult RunBatch(Road& road, const BatchSettings& settings)
         // (its output is written atomically, so nothing partial is left).
         try
         {
-          result.status[i] = RetargetOne(road, settings, warnings, r);
+          result.status[i] = RetargetOne(road, settings, worker, warnings, r);
         }
         catch (const std::bad_alloc&)
         {
@@ -216,8 +217,8 @@ BatchResult RunBatch(Road& road, const BatchSettings& settings)
     const int jobs = std::max(1, std::min(settings.jobs, static_cast<int>(n)));
     std::vector<std::thread> workers;
     for (int j = 1; j < jobs; ++j)
-      workers.emplace_back(work);
-    work();
+      workers.emplace_back(work, j);
+    work(0);
     for (std::thread& t : workers)
       t.join();
     progress.Finish();

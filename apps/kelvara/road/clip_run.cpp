@@ -42,7 +42,7 @@ bool RunClip(Road& road, ClipRun& run)
   run.clip.frameTime = run.source.clip.frameTime;
 
   start = Clock::now();
-  const SourceSide& side = road.SideFor(run.source.skeleton);
+  const SourceSide& side = road.SideFor(run.source.skeleton, run.worker);
   if (!side.Ok())
   {
     run.problem = side.problem;

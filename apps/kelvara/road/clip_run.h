@@ -24,6 +24,7 @@ struct ClipRun
   bool otherRest = false; // also run with the other choice of target rest (into otherRestOutput)
   bool replaceAnimations = false; // glTF outputs: without the target's own animations
   int threads = 1; // the frames split over this many threads (0: every core); the output is the same
+  int worker = 0;  // a batch's worker: any but 0 runs on its own copy of the side (Road::SideFor)
 
   // Outputs.
   AnimationFile source;

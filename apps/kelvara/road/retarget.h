@@ -53,6 +53,15 @@ struct PreparedRetarget
   const telvo::CharacterAssociation& Association() const { return _association; }
   const telvo::CharacterSolverConfiguration& Configuration() const { return _configuration; }
 
+  // Into copy, this prepared retarget (prepared) with module objects of its own wherever the
+  // frames read or copy them: the configuration, the source's definition and rest pose, the
+  // association, and the ids they hold (the target's definition, which no frame reads, stays
+  // shared). Every frame copies ids and node transforms out of these objects, and each copy
+  // counts a reference on them: threads that run frames at the same time on one set would pass
+  // the same cache lines back and forth between their cores, and on a copy each they do not.
+  // False with a message when the module cannot make the objects.
+  bool CopyWithOwnObjects(PreparedRetarget& copy, std::string& error) const;
+
 private:
   bool PairJoints(std::string& error);
 

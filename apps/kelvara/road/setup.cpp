@@ -91,17 +91,37 @@ bool Road::ReadSource(const std::string& path, AnimationFile& out, Problem& prob
   return true;
 }
 
-const SourceSide& Road::SideFor(const Skeleton& skeleton)
+const SourceSide& Road::SideFor(const Skeleton& skeleton, int worker)
 {
   std::lock_guard<std::mutex> lock(_mutex);
   for (const std::unique_ptr<SourceSide>& side : _sides)
     if (SameSkeleton(side->skeleton, skeleton))
-      return *side;
+      return WorkerCopy(*side, worker);
   _sides.push_back(std::make_unique<SourceSide>());
   SourceSide& side = *_sides.back();
   side.skeleton = skeleton;
   Prepare(side);
-  return side;
+  return WorkerCopy(side, worker);
+}
+
+const SourceSide& Road::WorkerCopy(const SourceSide& side, int worker)
+{
+  if (worker <= 0 || !side.Ok())
+    return side;
+  const auto found = _workerCopies.find({&side, worker});
+  if (found != _workerCopies.end())
+    return *found->second;
+  auto copy = std::make_unique<SourceSide>();
+  copy->skeleton = side.skeleton;
+  copy->character = side.character;
+  copy->character.skeleton = &copy->skeleton;
+  copy->restMatch = side.restMatch;
+  copy->original = &side;
+  std::string error;
+  if (!side.prepared.CopyWithOwnObjects(copy->prepared, error))
+    return side; // the worker's next clip tries again
+  copy->prepared.source = &copy->character;
+  return *(_workerCopies[{&side, worker}] = std::move(copy));
 }
 
 void Road::Prepare(SourceSide& side)

@@ -4,6 +4,7 @@
 // only read, by any number of threads.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -60,8 +61,11 @@ struct SourceSide
   PreparedRetarget prepared;
   RestMatch restMatch; // filled when the options match the rest
   Problem problem;     // a message: every clip of this skeleton fails with it
+  const SourceSide* original = nullptr; // a worker's copy (Road::SideFor): the side it copies
 
   bool Ok() const { return problem.message.empty(); }
+  // The side itself for a worker's copy of it, else this side.
+  const SourceSide& Original() const { return original != nullptr ? *original : *this; }
 };
 
 class Road
@@ -88,13 +92,18 @@ public:
   bool ReadSource(const std::string& path, AnimationFile& out, Problem& problem) const;
 
   // The prepared side for clips of skeleton, made by the first caller that needs it while others
-  // wait. Safe to call from several threads; the result lives as long as the road.
-  const SourceSide& SideFor(const Skeleton& skeleton);
+  // wait. Safe to call from several threads; the result lives as long as the road. Worker 0
+  // gets the side itself, and each other worker of a batch a copy of it of its own, whose
+  // prepared retarget has module objects of its own (PreparedRetarget::CopyWithOwnObjects):
+  // workers running frames at the same time then touch no common reference counts. A copy that
+  // cannot be made leaves the worker with the side itself.
+  const SourceSide& SideFor(const Skeleton& skeleton, int worker = 0);
 
 private:
   bool ReadShared(Problem& problem);
   bool BuildTarget(Problem& problem);
   void Prepare(SourceSide& side);
+  const SourceSide& WorkerCopy(const SourceSide& side, int worker);
 
   RoadOptions _options;
   telvo::KelvaraHelperRef _helper;
@@ -105,6 +114,7 @@ private:
   std::string _mapText;
   std::mutex _mutex;
   std::vector<std::unique_ptr<SourceSide>> _sides;
+  std::map<std::pair<const SourceSide*, int>, std::unique_ptr<SourceSide>> _workerCopies;
 };
 
 // "expected a preset name (game, cmu, studio, generic), found "x"" when name is not empty and

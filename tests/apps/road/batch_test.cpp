@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -109,6 +112,35 @@ TEST_F(BatchTest, SavedCharactersServeBatchesAsSingleRuns)
     << mixed.err;
 }
 
+// Each worker runs on a copy of the side of its skeleton, yet the side's warnings come once for
+// the skeleton, not once per worker.
+TEST_F(BatchTest, SideWarningsOnceWhateverTheWorkers)
+{
+  std::string swapped = _walk;
+  for (const auto& [from, to] : {std::pair{"Left", "@"}, std::pair{"Right", "Left"}, std::pair{"@", "Right"}})
+    for (std::size_t at = swapped.find(from); at != std::string::npos; at = swapped.find(from, at + 1))
+      swapped.replace(at, std::strlen(from), to);
+  for (const char* name : {"s1.bvh", "s2.bvh", "s3.bvh", "s4.bvh"})
+    std::ofstream(_dir / name) << swapped;
+  for (const char* jobs : {"1", "2", "4"})
+  {
+    const AppOutcome run =
+      Kelvara(std::string("retarget s1.bvh s2.bvh s3.bvh s4.bvh --target target.bvh -o out --jobs ") + jobs);
+    ASSERT_EQ(run.status, 0) << run.err;
+    std::multiset<std::string> warnings;
+    std::istringstream lines(run.err);
+    for (std::string line; std::getline(lines, line);)
+      if (line.rfind("kelvara: warning: ", 0) == 0)
+        warnings.insert(line);
+    EXPECT_EQ(warnings.size(), 2u) << "--jobs " << jobs << "\n" << run.err; // the arms and the legs
+    for (const char* limb : {"arm", "leg"})
+      EXPECT_EQ(warnings.count("kelvara: warning: source: left and right " + std::string(limb) +
+                               " swapped: the joints named left lie on the character's right in the rest pose"),
+                1u)
+        << limb << ", --jobs " << jobs;
+  }
+}
+
 TEST(BatchNames, OutputPathsAndCollisions)
 {
   EXPECT_EQ(BatchOutputPath("out", "clips/walk.fast.bvh", ".bvh"), "out/walk.fast.bvh");
@@ -186,6 +218,72 @@ TEST(BatchRoad, ClipsOfOneSkeletonShareOnePreparedSide)
   const SourceSide& other = road.SideFor(moved);
   EXPECT_NE(&other, &walk);
   EXPECT_EQ(&road.SideFor(moved), &other);
+}
+
+// The workers of a batch run on copies of a side whose module objects, down to the ids the frames
+// copy, are their own (no reference count is shared), and which retarget every frame as the side
+// itself does: with the body parts' pairing and with a map, which makes a new association.
+TEST(BatchRoad, WorkersCopiesOfASideHaveObjectsOfTheirOwnAndRetargetAlike)
+{
+  kelvara_test::LoadedModuleForTests();
+  const AnimationFile walk = DemoSourceFile(30);
+  for (const char* map : {"", R"({"thigh_l": "RightUpLeg", "thigh_r": "LeftUpLeg"})"})
+  {
+    SCOPED_TRACE(map);
+    RoadOptions options;
+    options.mapText = map;
+    Road road{options};
+    Problem problem;
+    ASSERT_TRUE(road.Setup(DemoTargetFile(), problem)) << problem.message;
+    const SourceSide& side = road.SideFor(walk.skeleton);
+    ASSERT_TRUE(side.Ok()) << side.problem.message;
+    const SourceSide& copy = road.SideFor(walk.skeleton, 1);
+    ASSERT_NE(&copy, &side);
+    EXPECT_EQ(&copy.Original(), &side);
+    EXPECT_EQ(&road.SideFor(walk.skeleton, 0), &side);
+    EXPECT_EQ(&road.SideFor(walk.skeleton, 1), &copy);
+    EXPECT_NE(&road.SideFor(walk.skeleton, 2), &copy);
+    const PreparedRetarget& shared = side.prepared;
+    const PreparedRetarget& own = copy.prepared;
+    EXPECT_EQ(std::count(shared.pairOrigin.begin(), shared.pairOrigin.end(), "map"), *map != 0 ? 2 : 0);
+
+    EXPECT_FALSE(own.Configuration().IsSameObject(shared.Configuration()));
+    const telvo::CharacterDefinition sharedSource = shared.Configuration()->GetSourceCharacter().GetValue();
+    const telvo::CharacterDefinition ownSource = own.Configuration()->GetSourceCharacter().GetValue();
+    ASSERT_FALSE(ownSource.IsSameObject(sharedSource));
+    const auto& sharedRest = sharedSource->GetSkeletonRestPose()->GetNodeTransformArray();
+    const auto& ownRest = ownSource->GetSkeletonRestPose()->GetNodeTransformArray();
+    ASSERT_EQ(ownRest.GetCount(), sharedRest.GetCount());
+    for (telvo::Int i = 0; i < ownRest.GetCount(); ++i)
+    {
+      EXPECT_FALSE(ownRest[i].IsSameObject(sharedRest[i])) << i;
+      EXPECT_TRUE(ownRest[i]->GetUuid() == sharedRest[i]->GetUuid()) << i;
+      EXPECT_FALSE(ownRest[i]->GetUuid().IsSameObject(sharedRest[i]->GetUuid())) << i;
+    }
+    int pairs = 0;
+    for (const telvo::Uuid& joint : side.character.uuids)
+    {
+      telvo::Result<telvo::Uuid> sharedPartner = shared.Association()->GetAssociatedUuid(joint);
+      telvo::Result<telvo::Uuid> ownPartner = own.Association()->GetAssociatedUuid(joint);
+      ASSERT_EQ(ownPartner.IsOk(), sharedPartner.IsOk());
+      if (ownPartner.IsError())
+        continue;
+      ++pairs;
+      EXPECT_TRUE(ownPartner.GetValue() == sharedPartner.GetValue());
+      EXPECT_FALSE(ownPartner.GetValue().IsSameObject(sharedPartner.GetValue()));
+    }
+    EXPECT_GE(pairs, 15);
+
+    Clip fromShared;
+    Clip fromOwn;
+    ClipRetarget first;
+    ClipRetarget second;
+    std::string error;
+    ASSERT_TRUE(first.Setup(shared, error) && first.Run(walk.clip, fromShared, error)) << error;
+    ASSERT_TRUE(second.Setup(own, error) && second.Run(walk.clip, fromOwn, error)) << error;
+    EXPECT_EQ(fromOwn.rotations, fromShared.rotations);
+    EXPECT_EQ(fromOwn.rootTranslation, fromShared.rootTranslation);
+  }
 }
 
 } // namespace
