@@ -8,28 +8,29 @@ namespace telvo
 
 namespace
 {
-// Live allocations, counted in slots of their own cache line: each thread counts in one slot, so
-// that threads allocating at the same time do not pass one counter's line between their cores
-// on every allocation. The count is the slots' sum (a block freed on another thread than the one
-// that allocated it leaves one slot up and another down).
-constexpr int kLiveSlots = 64;
-struct alignas(64) LiveSlot
+// Live blocks are counted in slots, each on a cache line of its own, a thread to a slot (threads
+// share slots only when there are more of them than slots). One counter for every thread would
+// have its line travel between the cores of threads that allocate at once, on every allocation
+// and every free. The count is the sum of the slots.
+constexpr int kCountSlots = 64;
+struct alignas(64) CountSlot
 {
-  std::atomic<Int> count{0};
+  std::atomic<Int> live{0};
 };
-LiveSlot g_live[kLiveSlots];
-std::atomic<int> g_nextSlot{0};
-thread_local int t_slot = -1;
+CountSlot g_liveCounts[kCountSlots];
+std::atomic<int> g_slotsTaken{0};
+thread_local int t_countSlot = -1;
 
-std::atomic<Int>& LiveCounter()
+std::atomic<Int>& LiveCountOfThisThread()
 {
-  if (t_slot < 0)
-    t_slot = g_nextSlot.fetch_add(1, std::memory_order_relaxed) % kLiveSlots;
-  return g_live[t_slot].count;
+  if (t_countSlot < 0)
+    t_countSlot = g_slotsTaken.fetch_add(1, std::memory_order_relaxed) % kCountSlots;
+  return g_liveCounts[t_countSlot].live;
 }
 
-// Allocations left before the armed failure; 0 when disarmed.
-std::atomic<Int> g_failCountdown{0};
+// Allocations left before the armed failure; 0 when disarmed. Read by every allocation, so on a
+// line that no counter shares.
+alignas(64) std::atomic<Int> g_failCountdown{0};
 std::atomic<Bool> g_failureDelivered{false};
 } // namespace
 
@@ -45,7 +46,7 @@ void* Allocator::Alloc(std::size_t size)
   }
   void* p = std::malloc(size == 0 ? 1 : size);
   if (p != nullptr)
-    LiveCounter().fetch_add(1, std::memory_order_relaxed);
+    LiveCountOfThisThread().fetch_add(1, std::memory_order_relaxed);
   return p;
 }
 
@@ -53,15 +54,15 @@ void Allocator::Free(void* p)
 {
   if (p == nullptr)
     return;
-  LiveCounter().fetch_sub(1, std::memory_order_relaxed);
+  LiveCountOfThisThread().fetch_sub(1, std::memory_order_relaxed);
   std::free(p);
 }
 
 Int Allocator::GetLiveCount()
 {
   Int live = 0;
-  for (const LiveSlot& slot : g_live)
-    live += slot.count.load();
+  for (const CountSlot& slot : g_liveCounts)
+    live += slot.live.load();
   return live;
 }
 

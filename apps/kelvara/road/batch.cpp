@@ -1,13 +1,16 @@
 #include "road/batch.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <filesystem>
 #include <mutex>
+#include <numeric>
 #include <new>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "road/clip_run.h"
@@ -102,11 +105,158 @@ private:
   std::set<const SourceSide*> _said;
 };
 
-int RetargetOne(Road& road, const BatchSettings& settings, int worker, SideWarningsOnce& warnings, ClipReport& r)
+// One source for a worker: the file as read, or why it could not be read.
+struct SourceRead
 {
+  std::size_t index = 0; // in the batch's sources
+  bool ok = false;
+  AnimationFile file;
+  Problem problem;
+  double seconds = 0.0;
+};
+
+// The batch's sources handed to its workers, read in the given order. With read-ahead, a thread
+// of its own reads the next source while the workers retarget, keeping at most one read and not
+// yet taken (memory holds a clip per worker and one more); a worker that finds none ready reads
+// the next source itself rather than wait, so no core is idle while a file is parsed.
+class Sources
+{
+public:
+  Sources(const Road& road, const std::vector<std::string>& paths, std::vector<std::size_t> order, bool readAhead)
+    : _road(road), _paths(paths), _order(std::move(order))
+  {
+    if (!readAhead)
+      return;
+    try
+    {
+      _reader = std::thread([this] { ReadAhead(); });
+    }
+    catch (const std::system_error&) // no thread for the reader: the workers read
+    {
+    }
+  }
+
+  ~Sources()
+  {
+    {
+      std::lock_guard<std::mutex> lock(_mutex);
+      _stop = true;
+    }
+    _changed.notify_all();
+    if (_reader.joinable())
+      _reader.join();
+  }
+
+  Sources(const Sources&) = delete;
+  Sources& operator=(const Sources&) = delete;
+
+  // The next source, read (or failed); false once every source has been taken.
+  bool Take(SourceRead& next)
+  {
+    std::unique_lock<std::mutex> lock(_mutex);
+    if (_ready.empty() && _claimed < _order.size())
+    {
+      const std::size_t index = _order[_claimed++];
+      lock.unlock();
+      next = Read(index);
+      return true;
+    }
+    // One read ahead, or, with every source claimed, the last one still in the reader's hands.
+    _changed.wait(lock, [&] { return !_ready.empty() || !_reading; });
+    if (_ready.empty())
+      return false;
+    next = std::move(_ready.front());
+    _ready.pop_front();
+    lock.unlock();
+    _changed.notify_all(); // room for the reader
+    return true;
+  }
+
+private:
+  SourceRead Read(std::size_t index) const
+  {
+    const Clock::time_point start = Clock::now();
+    SourceRead read;
+    read.index = index;
+    // A reader cannot let an exception out either: memory running out fails this clip alone.
+    try
+    {
+      read.ok = _road.ReadSource(_paths[index], read.file, read.problem);
+    }
+    catch (const std::bad_alloc&)
+    {
+      read.file = AnimationFile();
+      read.ok = false;
+      read.problem.Set(false, "out of memory");
+    }
+    read.seconds = SecondsSince(start);
+    return read;
+  }
+
+  void ReadAhead()
+  {
+    std::unique_lock<std::mutex> lock(_mutex);
+    for (;;)
+    {
+      _changed.wait(lock, [&] { return _stop || _ready.empty(); });
+      if (_stop || _claimed == _order.size())
+        break;
+      const std::size_t index = _order[_claimed++];
+      _reading = true;
+      lock.unlock();
+      SourceRead read = Read(index);
+      lock.lock();
+      _ready.push_back(std::move(read));
+      _reading = false;
+      _changed.notify_all();
+    }
+  }
+
+  const Road& _road;
+  const std::vector<std::string>& _paths;
+  const std::vector<std::size_t> _order;
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  std::size_t _claimed = 0;     // sources of _order a reader or a worker has begun
+  std::deque<SourceRead> _ready; // read ahead, not yet taken
+  bool _reading = false;        // the reader is reading one
+  bool _stop = false;
+  std::thread _reader;
+};
+
+// The sources' indices in the order to retarget them. Workers side by side take the largest files
+// first: the batch then ends on its shortest clips, and no core waits long for the last one. One
+// worker goes in the order given.
+std::vector<std::size_t> ReadingOrder(const std::vector<std::string>& sources, int jobs)
+{
+  std::vector<std::size_t> order(sources.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  if (jobs <= 1)
+    return order;
+  std::vector<std::uintmax_t> bytes;
+  for (const std::string& source : sources)
+  {
+    std::error_code unknown; // a file that cannot be sized fails when it is read
+    const std::uintmax_t size = std::filesystem::file_size(source, unknown);
+    bytes.push_back(unknown ? 0 : size);
+  }
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return bytes[a] > bytes[b]; });
+  return order;
+}
+
+// The clip of source (as read) retargeted by worker into r (its source and output set): 0 when
+// written, else 2 for bad input and 1 for any other failure, with r.error.
+int RetargetOne(Road& road, const BatchSettings& settings, int worker, SourceRead& source, SideWarningsOnce& warnings,
+                ClipReport& r)
+{
+  if (!source.ok)
+  {
+    r.error = AboutClip(r.source, source.problem.message);
+    return source.problem.badInput ? 2 : 1;
+  }
   ClipRun run;
   run.worker = worker;
-  run.sourcePath = r.source;
+  run.source = std::move(source.file);
   run.outputPath = r.output;
   run.describe = true; // the side warnings come with the pairing's description
   run.measure = settings.measure;
@@ -115,7 +265,9 @@ int RetargetOne(Road& road, const BatchSettings& settings, int worker, SideWarni
   const bool ok = RunClip(road, run);
   if (run.side != nullptr)
     warnings.Say(*run.side, run.clip);
+  std::string path = std::move(r.source);
   r = std::move(run.clip);
+  r.source = std::move(path); // the path as given, whatever the file calls itself
   if (!ok)
   {
     r.error = AboutClip(r.source, run.problem.message);
@@ -189,21 +341,27 @@ BatchResult RunBatch(Road& road, const BatchSettings& settings)
     result.clips[i].source = settings.sources[i];
     result.clips[i].output = BatchOutputPath(settings.outDir, settings.sources[i], settings.extension);
   }
+  const int jobs = std::max(1, std::min(settings.jobs, static_cast<int>(n)));
   std::mutex logMutex;
   {
     SideWarningsOnce warnings(settings, logMutex);
     Progress progress(settings, logMutex);
-    std::atomic<std::size_t> next{0};
+    // One clip at a time on one thread reads and retargets in turn; any more work at once gets a
+    // reader.
+    const bool readAhead = n > 1 && (jobs > 1 || settings.threads != 1);
+    Sources sources(road, settings.sources, ReadingOrder(settings.sources, jobs), readAhead);
     auto work = [&](int worker) {
-      for (std::size_t i = next++; i < n; i = next++)
+      SourceRead source;
+      while (sources.Take(source))
       {
         const Clock::time_point clipStart = Clock::now();
+        const std::size_t i = source.index;
         ClipReport& r = result.clips[i];
         // A worker thread cannot let an exception out: memory running out fails this clip alone
         // (its output is written atomically, so nothing partial is left).
         try
         {
-          result.status[i] = RetargetOne(road, settings, worker, warnings, r);
+          result.status[i] = RetargetOne(road, settings, worker, source, warnings, r);
         }
         catch (const std::bad_alloc&)
         {
@@ -211,13 +369,18 @@ BatchResult RunBatch(Road& road, const BatchSettings& settings)
           result.status[i] = 1;
         }
         r.ok = result.status[i] == 0;
-        progress.ClipDone(r, result.status[i], SecondsSince(clipStart));
+        progress.ClipDone(r, result.status[i], source.seconds + SecondsSince(clipStart));
       }
     };
-    const int jobs = std::max(1, std::min(settings.jobs, static_cast<int>(n)));
     std::vector<std::thread> workers;
-    for (int j = 1; j < jobs; ++j)
-      workers.emplace_back(work, j);
+    try
+    {
+      for (int j = 1; j < jobs; ++j)
+        workers.emplace_back(work, j);
+    }
+    catch (const std::system_error&) // fewer threads than jobs: the ones started share the clips
+    {
+    }
     work(0);
     for (std::thread& t : workers)
       t.join();

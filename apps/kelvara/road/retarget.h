@@ -62,7 +62,7 @@ struct PreparedRetarget
   const telvo::CharacterAssociation& Association() const { return _association; }
   const telvo::CharacterSolverConfiguration& Configuration() const { return _configuration; }
 
-  // Into copy, this prepared retarget (prepared) with module objects of its own wherever the
+  // Into copy, this retarget (prepared) again, with module objects of its own wherever the
   // frames read or copy them: the configuration, the source's definition and rest pose, the
   // association, and the ids they hold (the target's definition, which no frame reads, stays
   // shared). Every frame copies ids and node transforms out of these objects, and each copy

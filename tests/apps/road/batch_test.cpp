@@ -78,6 +78,67 @@ TEST_F(BatchTest, BrokenClipIsReportedAndTheOthersAreWrittenAsAlone)
   EXPECT_FALSE(std::filesystem::exists(_dir / "out2"));
 }
 
+// Sources read ahead, and taken longest first by several jobs, change nothing a user sees but the
+// order of the progress lines: the same files, the same failures, the summary and the report in
+// the order of the sources, whatever the jobs and threads.
+TEST_F(BatchTest, ReadAheadKeepsWhatIsWrittenAndReportedInTheSourcesOrder)
+{
+  std::string error;
+  for (const auto& [name, frames] : {std::pair{"long.bvh", 480}, std::pair{"short.bvh", 60}})
+  {
+    std::string text;
+    ASSERT_TRUE(WriteBvhToString(MakeDemoSource(frames), text, error)) << error;
+    std::ofstream(_dir / name) << text;
+  }
+  std::ofstream(_dir / "b.bvh") << _walk.substr(0, 200);
+  const std::vector<std::string> clips = {"a.bvh", "b.bvh", "long.bvh", "missing.bvh", "short.bvh", "c.bvh"};
+  std::string sources;
+  for (const std::string& clip : clips)
+    sources += clip + " ";
+  // Everything a run says but its progress lines and its timings.
+  struct Said
+  {
+    std::multiset<std::string> errors;
+    std::string summary;
+    std::vector<std::string> reported;
+  };
+  auto said = [&](const std::string& out, const std::string& options) {
+    const AppOutcome run = Kelvara("retarget " + sources + "--target target.bvh -o " + out + " --report " + out +
+                                   ".json " + options);
+    EXPECT_EQ(run.status, 2) << options << "\n" << run.err;
+    Said s;
+    std::istringstream lines(run.err);
+    for (std::string line; std::getline(lines, line);)
+      if (line.rfind("kelvara: [", 0) != 0)
+        s.errors.insert(line);
+    s.summary = run.out.substr(0, run.out.find(" frames in ")) + run.out.substr(run.out.find("\n"));
+    const nlohmann::json report = nlohmann::json::parse(ReadWholeFile(_dir / (out + ".json")));
+    for (const nlohmann::json& clip : report["clips"])
+      s.reported.push_back(clip["source"].get<std::string>() + " " + clip["status"].get<std::string>());
+    return s;
+  };
+  const Said alone = said("one", "--jobs 1 --threads 1");
+  EXPECT_EQ(alone.errors.size(), 2u);
+  EXPECT_EQ(alone.summary.substr(0, alone.summary.find(';')), "summary: 6 clips, 4 written, 2 failed");
+  EXPECT_NE(alone.summary.find("\n  failed: b.bvh\n  failed: missing.bvh\n"), std::string::npos) << alone.summary;
+  ASSERT_EQ(alone.reported.size(), clips.size());
+  for (std::size_t i = 0; i < clips.size(); ++i)
+    EXPECT_EQ(alone.reported[i].substr(0, clips[i].size()), clips[i]);
+  for (const char* options : {"--jobs 1 --threads 2", "--jobs 2 --threads 1", "--jobs 3"})
+  {
+    SCOPED_TRACE(options);
+    const Said ahead = said("ahead", options);
+    EXPECT_EQ(ahead.errors, alone.errors);
+    EXPECT_EQ(ahead.summary, alone.summary);
+    EXPECT_EQ(ahead.reported, alone.reported);
+    for (const char* written : {"a.bvh", "long.bvh", "short.bvh", "c.bvh"})
+      EXPECT_EQ(ReadWholeFile(_dir / "ahead" / written), ReadWholeFile(_dir / "one" / written)) << written;
+    for (const char* failed : {"b.bvh", "missing.bvh"})
+      EXPECT_FALSE(std::filesystem::exists(_dir / "ahead" / failed)) << failed;
+    std::filesystem::remove_all(_dir / "ahead");
+  }
+}
+
 // A batch reads its characters as a single run does: a missing saved source stops both alike before
 // anything is written; saved characters give what the files they were saved from give.
 TEST_F(BatchTest, SavedCharactersServeBatchesAsSingleRuns)
