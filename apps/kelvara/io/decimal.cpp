@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <cstring>
 
-namespace kelvara {
+namespace kelvara
+{
 
-namespace {
+namespace
+{
 
 using U128 = unsigned __int128;
 

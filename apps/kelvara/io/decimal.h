@@ -6,7 +6,8 @@
 // and says when a value is not one of them; the caller then uses the library.
 #pragma once
 
-namespace kelvara {
+namespace kelvara
+{
 
 // The longest text ShortestFixed writes: a sign, 17 significant digits, a point and up to 21
 // decimals with their leading zeros.

@@ -13,8 +13,10 @@
 #include <random>
 #include <string>
 
-namespace kelvara {
-namespace {
+namespace kelvara
+{
+namespace
+{
 
 std::string LibraryFixed(double v)
 {
