@@ -107,19 +107,17 @@ if have node; then
         --threads 1 >/dev/null 2>&1
       awk '/^(summary|totals):/ { print $2 / 60; exit }' cg.out
     }
-    base=$(loop_ir f31.bvh tgt.bvh)
-    row "source 31 joints: instructions per frame" "$base" "" ""
-    for n in 331 1000; do
-      goal=$([[ $n = 331 ]] && echo 12 || echo 35)
-      x=$(ratio "$(loop_ir "f$n.bvh" tgt.bvh)" "$base")
-      row "source $n joints / 31 joints, per frame" "${x}x" "<= ${goal}x" "$(verdict "$x" "$goal" "<=")"
-    done
-    tbase=$(loop_ir walk60.bvh f31.bvh)
-    row "target 31 joints: instructions per frame" "$tbase" "" ""
-    for n in 331 1000; do
-      goal=$([[ $n = 331 ]] && echo 12 || echo 35)
-      x=$(ratio "$(loop_ir walk60.bvh "f$n.bvh")" "$tbase")
-      row "target $n joints / 31 joints, per frame" "${x}x" "<= ${goal}x" "$(verdict "$x" "$goal" "<=")"
+    # side SIDE N: the per-frame instructions with the N-joint skeleton on that side; the other
+    # side is the 31-joint walk onto the demo target.
+    side() { if [[ $1 = source ]]; then loop_ir "f$2.bvh" tgt.bvh; else loop_ir walk60.bvh "f$2.bvh"; fi; }
+    for which in source target; do
+      base=$(side "$which" 31)
+      row "$which 31 joints: instructions per frame" "$base" "" ""
+      for n in 331 1000; do
+        goal=$([[ $n = 331 ]] && echo 12 || echo 35)
+        x=$(ratio "$(side "$which" "$n")" "$base")
+        row "$which $n joints / 31 joints, per frame" "${x}x" "<= ${goal}x" "$(verdict "$x" "$goal" "<=")"
+      done
     done
   else
     row "per-frame instructions" "-" "" "skipped: valgrind missing"
